@@ -1,0 +1,75 @@
+// Platform interface: the logging and parameter-check macros, the trace
+// descriptor, and the few platform helpers that travel with them.
+#pragma once
+
+#include <cstdint>
+#include <pthread.h>
+
+constexpr uint32_t MPI_MODULE_UDEV = 22;
+
+// Directory kinds of MPI_GetFilePath.
+constexpr int MPI_PATH_LOG = 2;  // "/opt/Quillmesh_NVMe/log/"
+constexpr int MPI_PATH_CFG = 5;  // "/etc/Quillmesh_NVMe/"
+
+constexpr uint32_t MPI_PATH_LEN = 120;
+constexpr uint32_t MPI_LOG_PATH_LEN = 256;
+
+enum MPI_LogLevel : int {
+    MPI_LOG_DEBUG = 0,
+    MPI_LOG_INFO = 1,
+    MPI_LOG_WARN = 2,
+    MPI_LOG_ERROR = 3,
+    MPI_LOG_FATAL = 4,
+};
+
+// One per process. moduleId is stored by each log site before it writes;
+// sequence is the number of the next trace record (plain read and write, no
+// lock: two threads may share or skip a number).
+struct MPI_LogDesc {
+    uint32_t moduleId;
+    uint32_t sequence;
+    char path[MPI_LOG_PATH_LEN];
+};
+
+char *MPI_GetFilePath(int kind, const char *fileName);
+int MPI_SetLogFile(const char *path);
+MPI_LogDesc *MPI_GetLogDesc(uint32_t moduleId);
+
+// The sinks behind the macros. MPI_LogWrite goes to the system log in syslog
+// mode, else appends one record to the trace file. MPI_AssertFail writes one
+// ERROR record to the trace file and never returns.
+void MPI_LogWrite(int level, const char *func, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+[[noreturn]] void MPI_AssertFail(const char *func, int line, const char *condition);
+
+#define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
+
+// A failed check holds the calling thread for good (no recovery: callers
+// never handle it). The condition's source text goes into the record.
+#define MPI_Assert(condition)                                 \
+    do {                                                      \
+        if (!(condition)) {                                   \
+            MPI_AssertFail(__func__, __LINE__, #condition);   \
+        }                                                     \
+    } while (0)
+
+// The null-pointer check, recorded in the form "ptr != ((void *)0)".
+#define MPI_AssertNotNull(pointer)                                                     \
+    do {                                                                               \
+        if ((pointer) == nullptr) {                                                    \
+            MPI_AssertFail(__func__, __LINE__, #pointer " != ((void *)0)");            \
+        }                                                                              \
+    } while (0)
+
+// Atomic counter of the platform (carried, never called by the daemon).
+constexpr uint32_t MPI_ATOMIC_MAGIC = 0xBEEF;
+constexpr uint32_t MPI_ATOMIC_DESTROYED = 0xFFFF4110;  // ~0xBEEF
+struct MPI_Atomic {
+    pthread_mutex_t mutex;
+    int64_t value;
+    uint32_t magic;
+};
+void MPI_AtomicInitImpl(MPI_Atomic *atomic, int64_t value);
+void MPI_AtomicDestroyImpl(MPI_Atomic *atomic);
+int64_t MPI_AtomicReadImpl(MPI_Atomic *atomic, const char *file, const char *func, int line);
+#define MPI_AtomicRead(atomic) MPI_AtomicReadImpl((atomic), __FILE__, __func__, __LINE__)

@@ -1,0 +1,37 @@
+// The vendor support list: the [vendors] section of /etc/qm_plus.conf.
+#pragma once
+
+#include <cstdint>
+
+#include "udev_list.h"
+
+constexpr uint32_t UDEV_CFG_FIELD_LEN = 64;
+constexpr uint32_t UDEV_CFG_LINE_LEN = 512;
+
+inline constexpr const char *UDEV_VENDOR_CONFIG_PATH = "/etc/qm_plus.conf";
+
+struct UdevProductNode {
+    UdevListHead list;
+    char ruler_name[UDEV_CFG_FIELD_LEN];
+    char vendor_id[UDEV_CFG_FIELD_LEN];
+    char product_id[UDEV_CFG_FIELD_LEN];
+    char driver[UDEV_CFG_FIELD_LEN];
+};
+
+bool UDEV_InitConfig();
+void UDEV_ReleaseConfig();
+bool UDEV_DeviceIsSupport(const char *vendor, const char *product);
+bool UDEV_MatchProductStr(const char *vendor, const char *product, const UdevProductNode *node);
+void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                           uint8_t *vendorsUnit);
+void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit);
+bool UDEV_DivisionString(char *buffer, uint32_t bufferLen, UdevProductNode *productNode);
+bool UDEV_InitProductNode(const char *keyName, const char *keyValue, UdevProductNode *node);
+UdevProductNode *UDEV_AllocProductNode();
+bool UDEV_ClearCharacters(char *buffer, uint32_t bufferLen);
+bool UDEV_ReplaceCharacters(char *buffer, uint32_t bufferLen);
+void UDEV_ClearTailSpace(char *buffer, uint32_t bufferLen);
+
+// For tests: the loaded rules, and reading another file than the fixed one.
+const UdevListHead *UDEV_GetProductList();
+bool UDEV_InitConfigFromPath(const char *path);

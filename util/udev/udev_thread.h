@@ -1,0 +1,34 @@
+// What the three worker threads share: run states, the creator's and
+// destroyer's 100 ms x 300 wait, and cancellation confined to the points
+// where a thread blocks.
+#pragma once
+
+#include <atomic>
+
+constexpr int UDEV_THREAD_INIT = 0;
+constexpr int UDEV_THREAD_START = 1;
+constexpr int UDEV_THREAD_RUNNING = 2;
+constexpr int UDEV_THREAD_STOP = 3;
+
+constexpr int UDEV_THREAD_WAIT_TURNS = 300;
+constexpr unsigned UDEV_THREAD_WAIT_USEC = 100000;
+
+// Looks at `state` every 100 ms, at most 301 times. Returns true as soon as
+// it is UDEV_THREAD_STOP, or UDEV_THREAD_RUNNING when acceptRunning.
+bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning);
+
+// Worker threads run with cancellation disabled and enable it only around
+// the call that blocks (condition wait, poll, sleep, system), so that a
+// cancellation never lands while a list is half-linked or a lock is held.
+class UdevCancelPoint {
+public:
+    UdevCancelPoint();
+    ~UdevCancelPoint();
+    UdevCancelPoint(const UdevCancelPoint &) = delete;
+    UdevCancelPoint &operator=(const UdevCancelPoint &) = delete;
+
+private:
+    int previous_;
+};
+// Called first thing in each worker thread.
+void UDEV_DisableCancel();
