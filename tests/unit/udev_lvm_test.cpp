@@ -1,6 +1,6 @@
-// LVM activation: the five-tick debounce, the bounded retry with its
-// counter that a success does not reset, and the thread's start and end.
-// The activation command is replaced by harmless shell commands.
+// LVM activation: the five-tick debounce, the bounded retry whose counter a
+// success does not reset, and the thread's end. The activation command is
+// replaced by harmless shell commands.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -34,16 +34,14 @@ protected:
         UDEV_SetLvmCommandForTest(nullptr);
         UDEV_ResetFlagsForTest();
     }
-
-    static void Ticks(unsigned count)
+    static void Ticks()
     {
-        for (unsigned i = 0; i < count; ++i) {
+        for (unsigned tick = 0; tick < UDEV_LVM_DUE_TICKS; ++tick) {
             UDEV_ActivateLvmTick();
         }
     }
-
-    // `turns` main-loop turns, each followed by one check of the LVM
-    // thread; returns how many times the command ran.
+    // Main-loop turns, each followed by one check of the LVM thread;
+    // returns how many times the command ran.
     static int Turns(int turns, int *retryCount)
     {
         int runs = 0;
@@ -55,8 +53,6 @@ protected:
     }
 };
 
-// ---- failure paths: the bounded retry ----
-
 TEST_F(LvmTest, FailingCommandRunsSixTimesThenGivesUpOnce)
 {
     qmtest::TraceCapture trace;
@@ -64,135 +60,90 @@ TEST_F(LvmTest, FailingCommandRunsSixTimesThenGivesUpOnce)
     UDEV_RequestActivateLvm();
     EXPECT_EQ(Turns(100, &retryCount), 6);
     EXPECT_EQ(retryCount, 0);
-    EXPECT_FALSE(UDEV_ActivateLvmDue());
     EXPECT_EQ(qmtest::CountOf(trace.Text(), "the maximum number of retries has been reached.\n"), 1u);
     EXPECT_EQ(qmtest::CountOf(trace.Text(), "run command{exit 3} failed.\n"), 6u);
+    UDEV_SetLvmCommandForTest(kSucceeds);
+    UDEV_RequestActivateLvm();
+    EXPECT_EQ(Turns(100, &retryCount), 1) << "a success is not retried";
 }
-
-struct RetryStep {
-    const char *command;
-    bool newRequest;     // the handle thread arms a new request first
-    int retryAfter;      // the thread's counter after the run
-    bool rearmedAfter;   // a request stands after the run
-};
 
 TEST_F(LvmTest, RetryCounterSurvivesASuccess)
 {
-    // Two failures, a success, then a new request failing four times: the
-    // sixth failure since the last reset gives up.
-    const std::vector<RetryStep> steps = {
-        {kFails, true, 1, true},      {kFails, false, 2, true},  {kSucceeds, false, 2, false},
-        {kFails, true, 3, true},      {kFails, false, 4, true},  {kFails, false, 5, true},
-        {kFails, false, 0, false},
-    };
+    // Two failures, a success, a new request failing four times: the sixth
+    // failure since the last reset gives up.
+    const struct {
+        const char *command;
+        bool newRequest;
+        int retryAfter;
+        bool rearmed;
+    } steps[] = {{kFails, true, 1, true},  {kFails, false, 2, true}, {kSucceeds, false, 2, false},
+                 {kFails, true, 3, true},  {kFails, false, 4, true}, {kFails, false, 5, true},
+                 {kFails, false, 0, false}};
     int retryCount = 0;
-    for (size_t i = 0; i < steps.size(); ++i) {
-        const RetryStep &step = steps[i];
-        UDEV_SetLvmCommandForTest(step.command);
-        if (step.newRequest) {
+    int step = 0;
+    for (const auto &s : steps) {
+        UDEV_SetLvmCommandForTest(s.command);
+        if (s.newRequest) {
             UDEV_RequestActivateLvm();
         }
-        Ticks(UDEV_LVM_DUE_TICKS);
-        ASSERT_TRUE(UDEV_ActivateLvmCheck(&retryCount)) << "step " << i;
-        EXPECT_EQ(retryCount, step.retryAfter) << "step " << i;
-        Ticks(UDEV_LVM_DUE_TICKS);
-        EXPECT_EQ(UDEV_ActivateLvmDue(), step.rearmedAfter) << "step " << i;
+        Ticks();
+        EXPECT_TRUE(UDEV_ActivateLvmCheck(&retryCount)) << "step " << step;
+        EXPECT_EQ(retryCount, s.retryAfter) << "step " << step;
+        Ticks();
+        EXPECT_EQ(UDEV_ActivateLvmDue(), s.rearmed) << "step " << step++;
     }
 }
 
-TEST_F(LvmTest, SuccessfulCommandRunsOnce)
+TEST_F(LvmTest, DueFiveTicksAfterTheLastRequest)
 {
-    UDEV_SetLvmCommandForTest(kSucceeds);
-    int retryCount = 0;
-    UDEV_RequestActivateLvm();
-    EXPECT_EQ(Turns(100, &retryCount), 1);
-    EXPECT_EQ(retryCount, 0);
-}
-
-// ---- the debounce ----
-
-struct DebounceCase {
-    const char *name;
-    std::vector<char> script;  // 'r' request, 't' tick, 'c' clear
-    bool due;
-};
-
-class LvmDebounceTest : public LvmTest, public ::testing::WithParamInterface<DebounceCase> {};
-
-TEST_P(LvmDebounceTest, DueFiveTicksAfterTheLastRequest)
-{
-    for (char op : GetParam().script) {
-        if (op == 'r') {
-            UDEV_RequestActivateLvm();
-        } else if (op == 't') {
-            UDEV_ActivateLvmTick();
-        } else {
-            UDEV_ClearActivateLvmRequest();
+    const struct {
+        const char *script;  // r: request, t: tick, c: clear
+        bool due;
+    } cases[] = {{"tttttt", false}, {"rtttt", false},      {"rttttt", true},      {"tttrtt", false},
+                 {"rttttrtttt", false}, {"rttrttttt", true}, {"rtttttc", false}, {"rtttttttt", true}};
+    for (const auto &c : cases) {
+        UDEV_ClearActivateLvmRequest();
+        for (const char *op = c.script; *op != '\0'; ++op) {
+            *op == 'r' ? UDEV_RequestActivateLvm() : *op == 't' ? UDEV_ActivateLvmTick()
+                                                                 : UDEV_ClearActivateLvmRequest();
         }
+        int retryCount = 0;
+        EXPECT_EQ(UDEV_ActivateLvmCheck(&retryCount), c.due) << c.script;
     }
-    EXPECT_EQ(UDEV_ActivateLvmDue(), GetParam().due);
-    int retryCount = 0;
-    EXPECT_EQ(UDEV_ActivateLvmCheck(&retryCount), GetParam().due) << "the command runs exactly when due";
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, LvmDebounceTest,
-    ::testing::Values(DebounceCase{"no_request", {'t', 't', 't', 't', 't', 't'}, false},
-                      DebounceCase{"four_ticks", {'r', 't', 't', 't', 't'}, false},
-                      DebounceCase{"five_ticks", {'r', 't', 't', 't', 't', 't'}, true},
-                      DebounceCase{"ticks_before_request_do_not_count", {'t', 't', 't', 'r', 't', 't'}, false},
-                      DebounceCase{"new_request_restarts", {'r', 't', 't', 't', 't', 'r', 't', 't', 't', 't'}, false},
-                      DebounceCase{"due_after_last_of_burst", {'r', 't', 't', 'r', 't', 't', 't', 't', 't'}, true},
-                      DebounceCase{"cleared", {'r', 't', 't', 't', 't', 't', 'c'}, false},
-                      DebounceCase{"stays_due", {'r', 't', 't', 't', 't', 't', 't', 't', 't'}, true}),
-    [](const ::testing::TestParamInfo<DebounceCase> &info) { return std::string(info.param.name); });
-
-// ---- the thread ----
 
 class LvmThreadTest : public LvmTest {
 protected:
     void TearDown() override
     {
         UDEV_DestoryActivateLvm();
-        // No wait in the destroyer; the test waits for the end it caused.
+        // The destroyer does not wait; the test waits for the end it caused.
         EXPECT_TRUE(qmtest::WaitUntil([] { return UDEV_GetActivateLvmState() == UDEV_THREAD_STOP; }));
         EXPECT_TRUE(UDEV_IsStop());
         LvmTest::TearDown();
     }
+    void StartWith(const std::string &command)
+    {
+        command_ = command;
+        UDEV_SetLvmCommandForTest(command_.c_str());
+        ASSERT_EQ(UDEV_CreateActivateLvm(), UDEV_RET_OK);
+        UDEV_RequestActivateLvm();
+        Ticks();
+    }
     qmtest::TempDir dir_;
+    std::string command_;
 };
 
-TEST_F(LvmThreadTest, RunsTheCommandWhenDueAndEndsOnDestroy)
+TEST_F(LvmThreadTest, RunsTheCommandOnceWhenDue)
 {
-    std::string runs = dir_.File("runs");
-    std::string command = "echo run >> " + runs;
-    UDEV_SetLvmCommandForTest(command.c_str());
-    ASSERT_EQ(UDEV_CreateActivateLvm(), UDEV_RET_OK);
-    EXPECT_EQ(UDEV_GetActivateLvmState(), UDEV_THREAD_RUNNING);
-
-    UDEV_RequestActivateLvm();
-    Ticks(UDEV_LVM_DUE_TICKS);
-    ASSERT_TRUE(qmtest::WaitUntil([&] { return qmtest::ReadFile(runs) == "run\n"; }));
-    EXPECT_FALSE(UDEV_ActivateLvmDue());
+    StartWith("echo run >> " + dir_.File("runs"));
+    ASSERT_TRUE(qmtest::WaitUntil([&] { return qmtest::ReadFile(dir_.File("runs")) == "run\n"; }));
 }
 
 TEST_F(LvmThreadTest, DestroyCancelsALongCommand)
 {
-    std::string started = dir_.File("started");
-    std::string command = "touch " + started + "; exec sleep 600";
-    UDEV_SetLvmCommandForTest(command.c_str());
-    ASSERT_EQ(UDEV_CreateActivateLvm(), UDEV_RET_OK);
-    UDEV_RequestActivateLvm();
-    Ticks(UDEV_LVM_DUE_TICKS);
-    ASSERT_TRUE(qmtest::WaitUntil([&] { return access(started.c_str(), F_OK) == 0; }));
-    // TearDown destroys it while it waits in system().
-}
-
-TEST_F(LvmThreadTest, StopFlagEndsTheThread)
-{
-    ASSERT_EQ(UDEV_CreateActivateLvm(), UDEV_RET_OK);
-    UDEV_SetStop();
-    ASSERT_TRUE(qmtest::WaitUntil([] { return UDEV_GetActivateLvmState() == UDEV_THREAD_STOP; }));
+    StartWith("touch " + dir_.File("started") + "; exec sleep 600");
+    ASSERT_TRUE(qmtest::WaitUntil([&] { return access(dir_.File("started").c_str(), F_OK) == 0; }));
 }
 
 }  // namespace

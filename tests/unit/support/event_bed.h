@@ -1,7 +1,6 @@
-// A umockdev testbed of block disks whose uevents can be sent to the udev
-// monitors of this process, and a private monitor that receives them as the
-// daemon's monitor thread does (a udev_device with its action). The process
-// sees the testbed as /sys while the object lives.
+// A umockdev testbed of block devices (the process sees it as /sys while it
+// lives) whose uevents reach the udev monitors of this process, and a
+// private monitor that receives them as the daemon does: with an action.
 #pragma once
 
 #include <poll.h>
@@ -22,55 +21,34 @@ public:
     EventBed(const EventBed &) = delete;
     EventBed &operator=(const EventBed &) = delete;
 
-    // A block device of type `devType` ("disk", "partition") with its
-    // numbers; returns its sys path.
     std::string AddBlock(const char *name, const char *major, const char *minor, const char *devType = "disk")
     {
-        std::string devName = std::string("/dev/") + name;
-        gchar *path = umockdev_testbed_add_device(bed_, "block", name, nullptr, nullptr, "DEVTYPE", devType, "MAJOR",
-                                                  major, "MINOR", minor, "DEVNAME", devName.c_str(), nullptr);
+        gchar *path = umockdev_testbed_add_device(bed_, "block", name, nullptr, nullptr, "DEVTYPE", devType,
+                                                  "MAJOR", major, "MINOR", minor, nullptr);
         std::string sysPath = path != nullptr ? path : "";
         g_free(path);
         return sysPath;
     }
-
-    // Sends the uevent to every monitor of the process.
     void Send(const std::string &sysPath, const char *action) { umockdev_testbed_uevent(bed_, sysPath.c_str(), action); }
+
+    // Sends the uevent and receives it on a monitor of our own.
+    UdevDevicePtr Receive(const std::string &sysPath, const char *action)
+    {
+        UdevPtr udev(udev_new());
+        UdevMonitorPtr monitor(udev_monitor_new_from_netlink(udev.get(), "udev"));
+        if (!monitor || udev_monitor_enable_receiving(monitor.get()) < 0) {
+            return nullptr;
+        }
+        Send(sysPath, action);
+        struct pollfd pfd = {udev_monitor_get_fd(monitor.get()), POLLIN, 0};
+        if (poll(&pfd, 1, 20000) <= 0) {
+            return nullptr;
+        }
+        return UdevDevicePtr(udev_monitor_receive_device(monitor.get()));
+    }
 
 private:
     UMockdevTestbed *bed_;
-};
-
-// A monitor of our own, filtered like the daemon's.
-class EventReceiver {
-public:
-    EventReceiver() : udev_(udev_new())
-    {
-        if (udev_) {
-            monitor_.reset(udev_monitor_new_from_netlink(udev_.get(), "udev"));
-        }
-        if (monitor_) {
-            (void)udev_monitor_filter_add_match_subsystem_devtype(monitor_.get(), "block", "disk");
-            (void)udev_monitor_enable_receiving(monitor_.get());
-        }
-    }
-
-    // The next device received within the deadline, or null.
-    UdevDevicePtr Next(int timeoutMs = 20000)
-    {
-        if (!monitor_) {
-            return nullptr;
-        }
-        struct pollfd pfd = {udev_monitor_get_fd(monitor_.get()), POLLIN, 0};
-        if (poll(&pfd, 1, timeoutMs) <= 0) {
-            return nullptr;
-        }
-        return UdevDevicePtr(udev_monitor_receive_device(monitor_.get()));
-    }
-
-private:
-    UdevPtr udev_;
-    UdevMonitorPtr monitor_;
 };
 
 }  // namespace qmtest
