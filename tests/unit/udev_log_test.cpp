@@ -116,20 +116,6 @@ TEST_F(LogTest, TraceRecordFieldsReadBack)
     }
 }
 
-TEST_F(LogTest, ShortLevelNameIsPaddedToFour)
-{
-    qmtest::TraceCapture trace;
-    // Every named level is 4 or more wide; the padding shows with the
-    // unnamed slots of the level table.
-    MPI_WriteTraceRecord(MPI_LOG_INFO, "f", 1, "x\n");
-    MPI_WriteTraceRecord(7, "f", 2, "y\n");  // a level without a name
-    std::vector<Record> records = ParseTrace(trace.Text());
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].level, "INFO");
-    EXPECT_EQ(records[1].level, "    ");
-    EXPECT_EQ(records[1].key, KeyFor(2));
-}
-
 TEST_F(LogTest, DebugIsNotWrittenToTheTraceFile)
 {
     qmtest::TraceCapture trace;
