@@ -34,6 +34,18 @@ QmLinuxCfgItem *FindItem(const char *name)
     return nullptr;
 }
 
+// A name without a number is never stored: the number is absent, not 0.
+// An unknown name is still reported as such, so that "scsi_timeout 60" (read
+// as the one name scsi_timeout60) shows up as the unknown name it is.
+void ReportLineWithoutValue(const char *name)
+{
+    if (FindItem(name) == nullptr) {
+        MPI_Log(MPI_LOG_ERROR, "get atrr{%s} value is not find.\n", name);
+        return;
+    }
+    MPI_Log(MPI_LOG_WARN, "attr{%s} has no value, line skipped.\n", name);
+}
+
 }  // namespace
 
 int UDEV_UpdateQmLinuxCfg(const char *name, int32_t value)
@@ -96,7 +108,7 @@ int UDEV_HandQmLinuxCfgReadLine(char *line, uint32_t lineLen, void *ctx)
         return UDEV_RET_OK;
     }
     if (ret < 2) {
-        MPI_Log(MPI_LOG_WARN, "attr line{%s} has no value, skipped.\n", text);
+        ReportLineWithoutValue(name);
         return UDEV_RET_OK;
     }
     ret = UDEV_UpdateQmLinuxCfg(name, value);
