@@ -232,6 +232,14 @@ NodeHolder::NodeHolder(UdevDevicePtr device) : NodeHolder()
     node.udevDev = dev.get();
 }
 
+NodeHolder::NodeHolder(NodeHolder &&other) noexcept : node(other.node), dev(std::move(other.dev))
+{
+    // The link of a node off any list points at the node itself.
+    UDEV_ListInit(&node.list);
+    node.udevDev = dev.get();
+    other.node.udevDev = nullptr;
+}
+
 LogCapture::LogCapture()
 {
     CapturedLines().clear();

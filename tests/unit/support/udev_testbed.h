@@ -87,7 +87,7 @@ struct NvmeDiskSpec {
     std::string blockName = "nvme3n2";
     std::optional<std::string> devtype = "disk";
     std::optional<std::string> nsid = "2";
-    std::optional<std::string> cntlid;
+    std::optional<std::string> cntlid = std::nullopt;
     std::optional<std::string> hidden = "0";
     std::optional<std::string> wwn = "eui.0025388b91d0a3b1";
     std::string major = "259";
@@ -110,6 +110,7 @@ std::string AddBareBlock(Testbed &bed, const std::string &name, const std::strin
 struct NodeHolder {
     NodeHolder();
     explicit NodeHolder(UdevDevicePtr device);
+    NodeHolder(NodeHolder &&other) noexcept;
     NodeHolder(const NodeHolder &) = delete;
     NodeHolder &operator=(const NodeHolder &) = delete;
 
