@@ -411,15 +411,9 @@ void DriverEmulator::Run()
             std::deque<Pending> answering;
             answering.swap(held_);
             for (const auto &p : answering) {
-                Answer(p);
-                {
-                    std::lock_guard<std::mutex> lock(mu_);
-                    --heldCount_;
-                }
+                Answer(p, /*wasHeld=*/true);
                 ::close(p.fd);
             }
-            std::lock_guard<std::mutex> lock(mu_);
-            cv_.notify_all();
         }
         for (size_t i = 2; i < heldBase; ++i) {
             if (fds[i].revents == 0) {
@@ -556,11 +550,11 @@ void DriverEmulator::ServeConnection(int fd)
         held_.push_back(std::move(pending));
         return;
     }
-    Answer(pending);
+    Answer(pending, /*wasHeld=*/false);
     ::close(fd);
 }
 
-void DriverEmulator::Answer(const Pending &pending)
+void DriverEmulator::Answer(const Pending &pending, bool wasHeld)
 {
     wire::Reply rep{};
     rep.magic = wire::kMagic;
@@ -612,6 +606,10 @@ void DriverEmulator::Answer(const Pending &pending)
         rec.err = rep.err;
         rec.status = rep.status;
         rec.needLen = rep.needLen;
+        if (wasHeld) {
+            --heldCount_;
+        }
+        // Observers see the answer no later than the caller does.
         cv_.notify_all();
     }
     if (WriteAll(pending.fd, &rep, sizeof(rep))) {

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -113,6 +114,34 @@ int ConnectMonitor(const std::string &path)
     return fd;
 }
 
+// umockdev sends an "add" event of its own for every device it adds, without
+// waiting on a full queue (it aborts the process instead). The lab sends
+// every event itself: while umockdev adds a device, the monitors' sockets
+// are moved out of the way of its sender, and put back after.
+class QuietMonitors {
+public:
+    explicit QuietMonitors(const std::string &root)
+    {
+        for (const auto &path : Glob(root + "/event[0-9]*")) {
+            std::string hidden = root + "/qmlab-quiet-" + Basename(path);
+            if (::rename(path.c_str(), hidden.c_str()) == 0) {
+                moved_.emplace_back(hidden, path);
+            }
+        }
+    }
+    ~QuietMonitors()
+    {
+        for (const auto &[hidden, path] : moved_) {
+            ::rename(hidden.c_str(), path.c_str());
+        }
+    }
+    QuietMonitors(const QuietMonitors &) = delete;
+    QuietMonitors &operator=(const QuietMonitors &) = delete;
+
+private:
+    std::vector<std::pair<std::string, std::string>> moved_;
+};
+
 }  // namespace
 
 uint32_t UdevStringHash32(const std::string &text)
@@ -179,7 +208,11 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
 
 Testbed::~Testbed()
 {
+    std::string root = Root();
     g_object_unref(testbed_);
+    // umockdev leaves its directory behind.
+    std::error_code ignored;
+    std::filesystem::remove_all(root, ignored);
 }
 
 std::string Testbed::Root() const
@@ -192,6 +225,7 @@ std::string Testbed::AddDevice(const std::string &subsystem, const std::string &
 {
     CStrings attrs(attributes);
     CStrings props(properties);
+    QuietMonitors quiet(Root());
     gchar *path = umockdev_testbed_add_devicev(testbed_, subsystem.c_str(), name.c_str(),
                                                parent.empty() ? nullptr : parent.c_str(), attrs.Get(), props.Get());
     if (path == nullptr) {
@@ -207,6 +241,8 @@ std::string Testbed::AddBareDevice(const std::string &name, const std::string &p
     // A device without subsystem: a directory with an (empty) uevent file.
     std::string syspath = parent + "/" + name;
     std::string dir = Root() + syspath;
+    std::error_code ignored;
+    std::filesystem::create_directories(Root() + parent, ignored);
     if (::mkdir(dir.c_str(), 0755) < 0 && errno != EEXIST) {
         throw std::system_error(errno, std::generic_category(), "mkdir " + dir);
     }

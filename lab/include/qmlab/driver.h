@@ -131,7 +131,7 @@ private:
     // Server thread only.
     void Run();
     void ServeConnection(int fd);
-    void Answer(const Pending &pending);
+    void Answer(const Pending &pending, bool wasHeld);
     // mu_ held.
     DriverReply Decide(DriverOp op, const std::string &devNum);
     size_t Record(DriverRequest request);
