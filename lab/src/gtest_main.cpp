@@ -1,5 +1,5 @@
-// main of the lab's test binaries: the private mount namespace comes first,
-// while the process still has a single thread.
+// main of the lab's test binaries: umockdev's preload and the private mount
+// namespace come first, while the process still has a single thread.
 #include <cstdio>
 #include <exception>
 
@@ -10,6 +10,7 @@
 int main(int argc, char **argv)
 {
     try {
+        qmlab::Sandbox::EnsureUmockdevPreload(argv);
         qmlab::Sandbox::EnterPrivateNamespace();
     } catch (const std::exception &e) {
         std::fprintf(stderr, "lab: %s\n", e.what());

@@ -130,6 +130,23 @@ void Sandbox::EnterPrivateNamespace()
     g_enteredNamespace.store(true);
 }
 
+void Sandbox::EnsureUmockdevPreload(char **argv)
+{
+    const char *preload = std::getenv("LD_PRELOAD");
+    if (preload != nullptr && std::strstr(preload, "libumockdev-preload") != nullptr) {
+        return;
+    }
+    std::string lib = QMLAB_UMOCKDEV_PRELOAD_FOR_LAB;
+    std::string value = preload != nullptr && preload[0] != '\0' ? lib + ":" + preload : lib;
+    ::setenv("LD_PRELOAD", value.c_str(), 1);
+    ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
+    const char *asan = std::getenv("ASAN_OPTIONS");
+    std::string asanOptions = std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
+    ::setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
+    ::execv("/proc/self/exe", argv);
+    Fail("re-execute under umockdev's preload");
+}
+
 bool Sandbox::InPrivateNamespace()
 {
     struct stat self {};

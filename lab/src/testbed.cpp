@@ -13,7 +13,14 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 #include <endian.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <glob.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -144,6 +151,126 @@ private:
 
 }  // namespace
 
+// Watches attribute files with inotify. Its thread records each write and
+// cuts the file back to its first line; mu_ guards the tables and the log.
+class AttributeWatcher {
+public:
+    AttributeWatcher()
+    {
+        inotify_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (inotify_ < 0 || wake_ < 0) {
+            throw std::system_error(errno, std::generic_category(), "attribute watcher");
+        }
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~AttributeWatcher()
+    {
+        uint64_t one = 1;
+        ssize_t n = ::write(wake_, &one, sizeof(one));
+        (void)n;
+        thread_.join();
+        ::close(inotify_);
+        ::close(wake_);
+    }
+    AttributeWatcher(const AttributeWatcher &) = delete;
+    AttributeWatcher &operator=(const AttributeWatcher &) = delete;
+
+    void Watch(const std::string &file, const std::string &syspath, const std::string &name)
+    {
+        int wd = ::inotify_add_watch(inotify_, file.c_str(), IN_CLOSE_WRITE);
+        if (wd < 0) {
+            throw std::system_error(errno, std::generic_category(), "inotify watch " + file);
+        }
+        std::lock_guard<std::mutex> lock(mu_);
+        watched_[wd] = Entry{file, syspath, name, ReadFile(file).value_or("")};
+        byFile_[file] = wd;
+    }
+    // The lab writes `content` into `file` itself: not a write to record.
+    void OwnWrite(const std::string &file, const std::string &content)
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        auto it = byFile_.find(file);
+        if (it != byFile_.end()) {
+            watched_[it->second].content = content;
+        }
+        WriteFile(file, content);
+    }
+    std::vector<AttributeWrite> Writes() const
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        return writes_;
+    }
+    bool WaitWrites(size_t n, Clock::duration timeout) const
+    {
+        std::unique_lock<std::mutex> lock(mu_);
+        return cv_.wait_until(lock, Clock::now() + timeout, [&] { return writes_.size() >= n; });
+    }
+
+private:
+    struct Entry {
+        std::string file;
+        std::string syspath;
+        std::string name;
+        // What the file held after the last write seen or made by the lab.
+        // inotify merges events that are not read yet, so a write is
+        // recognised by a change of content, not by counting events.
+        std::string content;
+    };
+
+    void Run()
+    {
+        alignas(inotify_event) char buf[64 * 1024];
+        for (;;) {
+            pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
+            if (::poll(fds, 2, -1) < 0 && errno != EINTR) {
+                return;
+            }
+            if ((fds[0].revents & POLLIN) != 0) {
+                ssize_t n = ::read(inotify_, buf, sizeof(buf));
+                for (ssize_t off = 0; n > 0 && off < n;) {
+                    auto *ev = reinterpret_cast<inotify_event *>(buf + off);
+                    Handle(ev->wd);
+                    off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+                }
+            }
+            if ((fds[1].revents & POLLIN) != 0) {
+                return;
+            }
+        }
+    }
+
+    void Handle(int wd)
+    {
+        std::unique_lock<std::mutex> lock(mu_);
+        auto it = watched_.find(wd);
+        if (it == watched_.end()) {
+            return;
+        }
+        Entry &e = it->second;
+        std::string content = ReadFile(e.file).value_or("");
+        if (content == e.content) {
+            return;  // the lab's own write, or its cut
+        }
+        std::string value = content.substr(0, content.find('\n'));
+        writes_.push_back(AttributeWrite{StampNow(), e.syspath, e.name, value});
+        cv_.notify_all();
+        e.content = value + "\n";
+        if (content != e.content) {
+            WriteFile(e.file, e.content);
+        }
+    }
+
+    int inotify_ = -1;
+    int wake_ = -1;
+    std::thread thread_;
+    mutable std::mutex mu_;
+    mutable std::condition_variable cv_;
+    std::map<int, Entry> watched_;
+    std::map<std::string, int> byFile_;
+    std::vector<AttributeWrite> writes_;
+};
+
 uint32_t UdevStringHash32(const std::string &text)
 {
     // MurmurHash2 with seed 0, as libudev computes it.
@@ -204,10 +331,17 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
     if (testbed_ == nullptr) {
         throw std::runtime_error("umockdev_testbed_new failed");
     }
+    try {
+        watcher_ = std::make_unique<AttributeWatcher>();
+    } catch (...) {
+        g_object_unref(testbed_);
+        throw;
+    }
 }
 
 Testbed::~Testbed()
 {
+    watcher_.reset();
     std::string root = Root();
     g_object_unref(testbed_);
     // umockdev leaves its directory behind.
@@ -295,6 +429,7 @@ std::string Testbed::EnsureFcPort(int host, int channel, int port, const FcDiskS
     std::string rport = AddBareDevice(name, hostPath);
     char wwpn[32];
     std::snprintf(wwpn, sizeof(wwpn), "0x50014380%02x%02x%04x", host & 0xff, channel & 0xff, port & 0xffff);
+    std::string portClass = rport + "/fc_remote_ports/" + name;
     AddDevice("fc_remote_ports", std::string("fc_remote_ports/") + name, rport,
               {{"dev_loss_tmo", Line(spec.devLossTmo)},
                {"fast_io_fail_tmo", Line(spec.fastIoFailTmo)},
@@ -302,6 +437,8 @@ std::string Testbed::EnsureFcPort(int host, int channel, int port, const FcDiskS
                {"roles", Line("FCP Target")},
                {"port_name", Line(wwpn)}},
               {});
+    Watch(portClass, "dev_loss_tmo");
+    Watch(portClass, "fast_io_fail_tmo");
     made_[name] = rport;
     return rport;
 }
@@ -323,6 +460,7 @@ std::string Testbed::EnsureIscsiSession(int host, int session, const IscsiDiskSp
                {"targetname", Line("iqn.2024-01.com.quillmesh:lab." + std::to_string(session))},
                {"tpgt", Line("1")}},
               {});
+    Watch(sess + "/iscsi_session/" + name, "recovery_tmo");
     made_[name] = sess;
     return sess;
 }
@@ -360,6 +498,7 @@ BlockDevice Testbed::AddScsiDisk(const std::string &targetPath, int host, int ch
                                      {"state", Line("running")},
                                      {"type", Line("0")}},
                                     {{"DEVTYPE", "scsi_device"}});
+    Watch(lunPath, "timeout");
     auto [autoName, autoNum] = NextSdName();
     BlockDevice disk;
     disk.name = id.name.value_or(autoName);
@@ -611,7 +750,23 @@ void Testbed::Remove(const std::string &syspath)
 
 void Testbed::SetAttribute(const std::string &syspath, const std::string &name, const std::string &value)
 {
-    umockdev_testbed_set_attribute(testbed_, syspath.c_str(), name.c_str(), value.c_str());
+    // In place, as sysfs keeps its files: a watch on the file stays valid.
+    watcher_->OwnWrite(Root() + syspath + "/" + name, value);
+}
+
+void Testbed::Watch(const std::string &syspath, const std::string &name)
+{
+    watcher_->Watch(Root() + syspath + "/" + name, syspath, name);
+}
+
+std::vector<AttributeWrite> Testbed::AttributeWrites() const
+{
+    return watcher_->Writes();
+}
+
+bool Testbed::WaitAttributeWrites(size_t n, Clock::duration timeout) const
+{
+    return watcher_->WaitWrites(n, timeout);
 }
 
 std::optional<std::string> Testbed::RawAttribute(const std::string &syspath, const std::string &name) const

@@ -126,7 +126,7 @@ TEST_F(TestbedTest, SharedParentsAreMadeOnce)
 
 TEST_F(TestbedTest, NvmeNamespaceHangsUnderItsController)
 {
-    NvmeController ctrl = lab.testbed().AddNvmeController({.instance = 3, .model = "QMESH-NVDISK"});
+    NvmeController ctrl = lab.testbed().AddNvmeController({.instance = 3, .model = "QMESH-NVDISK", .modelPad = 40});
     BlockDevice ns = lab.testbed().AddNvmeNamespace(ctrl, {.nsIndex = 2, .wwn = "eui.0025388b91b2e5f1"});
     UdevDevicePtr block = Lookup("block", "nvme3n2");
     ASSERT_NE(block, nullptr);
@@ -213,10 +213,32 @@ TEST_F(TestbedTest, AttributeWritesThroughLibudevAreReadBackByTheirFirstLine)
     ASSERT_NE(port, nullptr);
     ASSERT_EQ(udev_device_set_sysattr_value(port.get(), "fast_io_fail_tmo", "4"), 0);
     ASSERT_EQ(udev_device_set_sysattr_value(port.get(), "dev_loss_tmo", "5"), 0);
-    EXPECT_EQ(lab.testbed().Attribute(d.transport, "fast_io_fail_tmo"), "4");
+    ASSERT_TRUE(lab.testbed().WaitAttributeWrites(2, 10s));
+    auto writes = lab.testbed().AttributeWrites();
+    ASSERT_EQ(writes.size(), 2u);
+    EXPECT_EQ(writes[0].name, "fast_io_fail_tmo");
+    EXPECT_EQ(writes[0].value, "4");
+    EXPECT_EQ(writes[0].syspath, d.transport);
+    EXPECT_EQ(writes[1].name, "dev_loss_tmo");
+    EXPECT_EQ(writes[1].value, "5");
+    // libudev writes in place; the watcher cuts the tail of the longer old
+    // value ("off") away, as sysfs would never have kept it.
+    EXPECT_TRUE(Eventually([&] { return lab.testbed().RawAttribute(d.transport, "fast_io_fail_tmo") == "4\n"; }));
+    UdevDevicePtr again = Lookup("fc_remote_ports", "rport-2:0-7");
+    EXPECT_EQ(Str(udev_device_get_sysattr_value(again.get(), "fast_io_fail_tmo")), "4");
     EXPECT_EQ(lab.testbed().Attribute(d.transport, "dev_loss_tmo"), "5");
-    // The tail of the longer old value stays behind the line end.
-    EXPECT_EQ(lab.testbed().RawAttribute(d.transport, "fast_io_fail_tmo"), "4\nf\n");
+}
+
+TEST_F(TestbedTest, TheLabsOwnAttributeWritesAreNotRecorded)
+{
+    BlockDevice d = lab.testbed().AddIscsiDisk();
+    lab.testbed().SetAttribute(d.transport, "recovery_tmo", "7\n");
+    UdevDevicePtr session = Lookup("iscsi_session", "session5");
+    ASSERT_EQ(udev_device_set_sysattr_value(session.get(), "recovery_tmo", "9"), 0);
+    ASSERT_TRUE(lab.testbed().WaitAttributeWrites(1, 10s));
+    auto writes = lab.testbed().AttributeWrites();
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_EQ(writes[0].value, "9");
 }
 
 TEST(SdNaming, FollowsTheKernel)

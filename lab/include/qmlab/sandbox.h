@@ -63,6 +63,10 @@ public:
     static void EnterPrivateNamespace();
     // Whether this process's mount namespace differs from init's.
     static bool InPrivateNamespace();
+    // The lab process itself must run under umockdev's preload (umockdev
+    // checks parents through it). If it does not, re-executes the program
+    // with the preload and the settings that go with it; returns otherwise.
+    static void EnsureUmockdevPreload(char **argv);
 
     explicit Sandbox(SandboxOptions options = {});
     ~Sandbox();

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -74,7 +75,7 @@ struct LocalDiskSpec {
 struct NvmeControllerSpec {
     int instance = 0;                     // nvme<instance>
     std::string model = "QMESH-NVDISK";   // "VENDOR-PRODUCT"
-    size_t modelPad = 40;                 // blank-padded to this width (0: as given)
+    size_t modelPad = 0;  // blank-padded to this width (0: as given, as the kernel shows it)
     std::string cntlid = "1";
 };
 
@@ -109,6 +110,18 @@ struct BlockSpec {
     Attributes properties;
     Attributes attributes;
 };
+
+// One write into a watched attribute (the time-outs: FC "dev_loss_tmo" and
+// "fast_io_fail_tmo", iSCSI "recovery_tmo", SCSI "timeout"), by whoever made
+// it, in the lab-wide order.
+struct AttributeWrite {
+    Stamp stamp;
+    std::string syspath;
+    std::string name;
+    std::string value;  // first line of what was written
+};
+
+class AttributeWatcher;
 
 class Testbed {
 public:
@@ -153,6 +166,12 @@ public:
     std::optional<std::string> Attribute(const std::string &syspath, const std::string &name) const;
     std::optional<std::string> RawAttribute(const std::string &syspath, const std::string &name) const;
     void SetProperty(const std::string &syspath, const std::string &key, const std::string &value);
+    // Writes into the time-out attributes since the testbed was made (the
+    // lab's own SetAttribute calls excluded). Sysfs takes a write whole; a
+    // testbed file does not, so after each write the file is cut back to
+    // its first line: a shorter value never leaves the tail of a longer one.
+    std::vector<AttributeWrite> AttributeWrites() const;
+    bool WaitAttributeWrites(size_t n, Clock::duration timeout) const;
 
     // --- Events. -----------------------------------------------------------
     // Sends one uevent to every listening udev monitor of the testbed,
@@ -182,7 +201,10 @@ private:
     std::string BuildMessage(const std::string &syspath, const std::string &action);
     size_t Send(const std::string &message, Deadline deadline);
 
+    void Watch(const std::string &syspath, const std::string &name);
+
     UMockdevTestbed *testbed_ = nullptr;
+    std::unique_ptr<AttributeWatcher> watcher_;
     std::map<std::string, std::string> made_;  // key -> syspath of shared parents
     unsigned sdIndex_ = 0;
     unsigned nvmeMinor_ = 0;
