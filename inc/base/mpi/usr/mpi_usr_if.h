@@ -2,6 +2,7 @@
 // descriptor, and the few platform helpers that travel with them.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <pthread.h>
 
@@ -41,6 +42,11 @@ MPI_LogDesc *MPI_GetLogDesc(uint32_t moduleId);
 void MPI_LogWrite(int level, const char *func, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 [[noreturn]] void MPI_AssertFail(const char *func, int line, const char *condition);
+// The trace-file sink alone, whatever the log mode (assertions use it).
+void MPI_WriteTraceRecord(int level, const char *func, int line, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *format, va_list argList)
+    __attribute__((format(printf, 4, 0)));
 
 #define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
 

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# Runs every test of qmudev from scratch, as root on Debian 12:
+#  - unit and lab tests in three builds: plain, ASan+UBSan, TSan;
+#  - the fuzz targets, each for a bounded time;
+#  - the benchmark's smallest scenario, as a smoke test;
+#  - the Debian package and the service unit checks.
+# Build trees go to $QMUDEV_OUT (default: ./out). Builds run one after the
+# other, each with every core, and are reused by the steps after them.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+out=${QMUDEV_OUT:-$top/out}
+
+bash "$top/scripts/deps.sh"
+rm -rf "$out"
+mkdir -p "$out"
+
+passed=0
+failed=0
+run_ctest() {  # run_ctest BUILD-NAME [ctest options]
+  local name=$1
+  shift
+  echo "== ctest: $name"
+  local log="$out/ctest-$name.log"
+  if (cd "$out/$name" && ctest --output-on-failure --no-tests=error -j"$(nproc)" "$@") 2>&1 | tee "$log"; then
+    :
+  else
+    failed=$((failed + 1))
+  fi
+  local total fails
+  total=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\).*/\2/p' "$log" | tail -n1)
+  fails=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\).*/\1/p' "$log" | tail -n1)
+  passed=$((passed + ${total:-0} - ${fails:-0}))
+  failed=$((failed + ${fails:-0}))
+}
+
+step() {  # step NAME COMMAND...: a non-test step that must succeed
+  echo "== $1"
+  shift
+  if ! "$@"; then
+    failed=$((failed + 1))
+  fi
+}
+
+echo "== build: plain"
+bash "$top/scripts/build.sh" "$out/plain"
+run_ctest plain
+
+echo "== build: asan+ubsan"
+bash "$top/scripts/build.sh" "$out/asan" -DQMUDEV_SANITIZE=address -DQMUDEV_BENCH=OFF
+run_ctest asan
+
+echo "== build: tsan"
+bash "$top/scripts/build.sh" "$out/tsan" -DQMUDEV_SANITIZE=thread -DQMUDEV_BENCH=OFF
+run_ctest tsan
+
+if [ -f "$top/scripts/fuzz.sh" ]; then
+  step "fuzz" bash "$top/scripts/fuzz.sh" "$out/fuzz"
+fi
+if [ -f "$top/scripts/bench.sh" ]; then
+  step "bench smoke" bash "$top/scripts/bench.sh" --smoke "$out/plain"
+fi
+if [ -f "$top/scripts/check-package.sh" ]; then
+  step "package" bash "$top/scripts/check-package.sh" "$out/plain"
+fi
+
+echo "qmudev: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
