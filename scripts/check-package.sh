@@ -2,8 +2,8 @@
 # Builds the qmudev Debian package and checks it, as root on Debian 12:
 #   scripts/check-package.sh [BUILD-DIR]
 # BUILD-DIR is a configured build tree of this source (it is brought up to
-# date), or a directory to configure a new one in; without it a fresh tree is
-# made under $TMPDIR. The package lands in BUILD-DIR/deb.
+# date), or a directory to configure a new one in (default: out/package).
+# The package lands in BUILD-DIR/deb.
 #
 # Checks: the control fields, the exact file list with owners and modes, the
 # conffiles, the maintainer scripts, `systemd-analyze verify` of the unit in
@@ -27,7 +27,7 @@ bash "$top/scripts/deps.sh" dpkg-dev systemd man-db groff-base logrotate gzip
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/qmudev-package.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
 
-build=${1:-$scratch/build}
+build=$(realpath -m "${1:-$top/out/package}")
 if [ ! -f "$build/CMakeCache.txt" ]; then
   echo "== configure $build"
   cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQMUDEV_TESTS=OFF >/dev/null
