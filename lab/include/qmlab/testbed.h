@@ -204,6 +204,7 @@ private:
     void Watch(const std::string &syspath, const std::string &name);
 
     UMockdevTestbed *testbed_ = nullptr;
+    std::string root_;
     std::unique_ptr<AttributeWatcher> watcher_;
     std::map<std::string, std::string> made_;  // key -> syspath of shared parents
     unsigned sdIndex_ = 0;
