@@ -377,6 +377,8 @@ void Daemon::FailNextPoll(int err)
     if (::rename(staged.c_str(), pollFaultPath_.c_str()) < 0) {
         throw std::system_error(errno, std::generic_category(), "arm poll fault " + pollFaultPath_);
     }
+}
+
 std::vector<std::string> SanitizerReports(const std::string &stderrText)
 {
     std::vector<std::string> reports;
