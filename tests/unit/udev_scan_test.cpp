@@ -229,6 +229,20 @@ TEST_F(ScanTest, AddsInEnumerationOrderThenRemovesInDriverOrder)
     EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
 }
 
+TEST_F(ScanTest, BatchGoesToTheEventListInOneHandOver)
+{
+    UDEV_SetScanHandOverForTest(nullptr);
+    ASSERT_TRUE(UDEV_InitEventList());
+    AddScsiDisk("0:0:0:0", "sda", "8", "0");
+    g_driverList = "8:32";
+    uint64_t signalsBefore = UDEV_GetEventSignalCountForTest();
+
+    ASSERT_TRUE(UDEV_Scan());
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signalsBefore + 1);
+    EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
+    UDEV_ReleaseEventList();  // the two nodes go with the list
+}
+
 TEST_F(ScanTest, EmptyDriverListGivesAddsOnly)
 {
     AddScsiDisk("0:0:0:0", "sda", "8", "0");
