@@ -71,9 +71,10 @@ int sprintf_s(char *dest, size_t destMax, const char *format, ...)
 {
     va_list argList;
     va_start(argList, format);
-    // Output that does not fit whole empties dest: the same rule as a count
-    // of destMax.
-    int ret = vsnprintf_s(dest, destMax, destMax, format, argList);
+    // Output that does not fit whole empties dest: the rule of a count of
+    // destMax or more. The all-ones count says so for every valid destMax;
+    // destMax itself is not a valid count at 0x7FFFFFFF.
+    int ret = vsnprintf_s(dest, destMax, kCountUnlimited, format, argList);
     va_end(argList);
     return ret;
 }

@@ -50,6 +50,8 @@ inline constexpr const char *MISC_DEVICE_PATH = "/dev/misc_qmnv";
 constexpr uint32_t MISC_GET_MAX_LEN = 16u * 1024u * 1024u;
 
 int INTF_UTIL_MiscIoctlInit();
+// Init against another device node (tests and the lab); Init uses MISC_DEVICE_PATH.
+int INTF_UTIL_MiscIoctlInitAt(const char *path);
 void INTF_UTIL_MiscIoctlClose();
 int INTF_UTIL_MiscIoctlStart();
 int INTF_UTIL_MiscIoctlAdd(const char *devInfo);

@@ -68,3 +68,17 @@ bool UDEV_WaitAndTakeEvents(UdevListHead *working);
 void UDEV_SignalEventList();
 // The handle thread's private working list (set empty by UDEV_InitEventList).
 UdevListHead *UDEV_GetWorkingList();
+
+// Marks a node whose dispatch the driver refused: it waits on the working
+// list for UDEV_RETRY_WAIT_SECONDS before it is tried again.
+void UDEV_MarkEventRetry(UdevEventNode *eventNode);
+// The clock of the retry rule: `time` in seconds.
+int64_t UDEV_GetEventTime();
+
+// Test seams. A null argument restores the production function.
+using UdevEventClockFn = int64_t (*)();
+void UDEV_SetEventClockForTest(UdevEventClockFn clock);
+using UdevAddFinishFn = void (*)(uint32_t protocol, UdevEventNode *eventNode);
+void UDEV_SetAddFinishForTest(UdevAddFinishFn finish);
+// Number of times the event list's condition variable was signalled.
+uint64_t UDEV_GetEventSignalCountForTest();

@@ -14,3 +14,11 @@ void UDEV_MonitorRelease(struct udev *udev, struct udev_monitor *kernelMonitor);
 int UDEV_WaitAndSendEvent(int monitorFd, struct udev_monitor *kernelMonitor);
 void UDEV_MonitorObtainEvent(struct udev_monitor *monitor);
 void UDEV_MonitorSendEvent(struct udev_device *udevDev);  // takes over the reference
+
+// Receive buffer asked for the monitor socket, as systemd-udevd and
+// multipathd do: a storm of events must not overflow the kernel socket.
+constexpr int UDEV_MONITOR_RCVBUF_SIZE = 128 * 1024 * 1024;
+constexpr int UDEV_MONITOR_POLL_MS = 120000;
+
+// Run state of the monitor thread (UDEV_THREAD_*), for diagnostics and tests.
+int UDEV_GetMonitorThreadState();

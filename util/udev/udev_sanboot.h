@@ -10,3 +10,7 @@ void UDEV_PutReady();
 // partition, -1 sent) and a reset to the start values.
 int UDEV_GetReadyState();
 void UDEV_ResetSanbootForTest();
+// For tests: list another directory than /dev/disk/by-uuid (null restores
+// it; the text must outlive its use), and the stored boot partition name.
+void UDEV_SetByUuidDirForTest(const char *dir);
+const char *UDEV_GetBootPartNameForTest();

@@ -17,3 +17,9 @@ bool UDEV_GetDev();
 void UDEV_SplitHanleDeviceNumber(char *devNumber);
 UdevEventNode *UDEV_InquiryScanNode(const char *devNum, UdevListHead *headNode);
 UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen, const char *actionType);
+
+// For tests: the scan's own list, and the step that hands a finished batch
+// over (UDEV_AddEventList unless replaced; a null fn puts it back).
+UdevListHead *UDEV_GetScanListForTest();
+using UdevScanHandOverFn = void (*)(UdevListHead *list);
+void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn);

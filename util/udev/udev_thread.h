@@ -32,3 +32,19 @@ private:
 };
 // Called first thing in each worker thread.
 void UDEV_DisableCancel();
+
+// Held for the whole life of a worker thread: when the thread is ended by
+// cancellation (forced unwinding), its run state still reaches
+// UDEV_THREAD_STOP, so the destroyer's 100 ms poll sees the end at once.
+// The thread's normal end steps (log line, stop flag, wake-up) are not
+// repeated here: they belong to a normal end only.
+class UdevThreadStopGuard {
+public:
+    explicit UdevThreadStopGuard(std::atomic<int> &state) : state_(state) {}
+    ~UdevThreadStopGuard() { state_.store(UDEV_THREAD_STOP, std::memory_order_relaxed); }
+    UdevThreadStopGuard(const UdevThreadStopGuard &) = delete;
+    UdevThreadStopGuard &operator=(const UdevThreadStopGuard &) = delete;
+
+private:
+    std::atomic<int> &state_;
+};

@@ -1,0 +1,292 @@
+// The handle thread: sleeps on the event list, moves what was queued to its
+// private working list and walks it. It is the only thread that enriches
+// nodes and the only one that talks to the driver about events, so events
+// reach the driver one at a time and in queue order, and neither the
+// working list nor the nodes on it need a lock (see udev_event.cpp for the
+// event-list mutex, the only lock it takes).
+//
+// One walk has two passes over the working list.
+//  1. Nodes new on this walk (not marked for retry), in list order: the LVM
+//     check (before enrichment, whatever becomes of the node), then
+//     enrichment; a node that enrichment rejects is deleted.
+//  2. The whole list in order: supersession, retry wait, dispatch, then
+//     retry marking or delete.
+// Each node keeps its own order of steps; only the interleaving across
+// nodes differs from a single pass. It has to: supersession compares device
+// numbers and actions, and a node that is not enriched yet has neither, so
+// in a single pass the live events further down the list would be
+// invisible to the nodes before them. With both passes, of several
+// add/remove events for one device queued together only the last reaches
+// the driver, and an add refused earlier gives way to a later remove.
+//
+// Pass 2 answers "does another queued add/remove carry this device
+// number?" (the rule of UDEV_FindUdevEvent) from an index of surviving
+// non-"change" nodes per device number that is kept up to date as nodes are
+// deleted, so a storm of thousands of events in one batch costs linear time.
+// If the index cannot be allocated the walk falls back to the linear rule.
+#include "udev_handle.h"
+
+#include <atomic>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <unordered_map>
+
+#include <libudev.h>
+#include <pthread.h>
+
+#include "mpi_usr_if.h"
+#include "udev_enrich.h"
+#include "udev_event.h"
+#include "udev_log.h"
+#include "udev_lvm.h"
+#include "udev_thread.h"
+#include "util_ret.h"
+
+namespace {
+
+std::atomic<int> g_handleState{UDEV_THREAD_INIT};
+// The thread handle is touched only by the creator and destroyer (main
+// thread); g_handleThreadLive says whether there is a thread to cancel.
+pthread_t g_handleThread;
+bool g_handleThreadLive = false;
+
+std::atomic<UdevVlunMajorFn> g_vlunMajorSource{nullptr};
+
+const char *UDEV_VlunMajor()
+{
+    UdevVlunMajorFn source = g_vlunMajorSource.load(std::memory_order_relaxed);
+    return source != nullptr ? source() : UDEV_GetVlunMajorFromFile();
+}
+
+bool UDEV_IsVlunAddEvent(UdevEventNode *eventNode)
+{
+    if (eventNode->isRetry == 1 || eventNode->udevDev == nullptr) {
+        return false;
+    }
+    const char *major = udev_device_get_property_value(eventNode->udevDev, "MAJOR");
+    if (major == nullptr) {
+        return false;
+    }
+    const char *action = udev_device_get_action(eventNode->udevDev);
+    if (action == nullptr || std::strcmp(action, "add") != 0) {
+        return false;
+    }
+    const char *vlunMajor = UDEV_VlunMajor();
+    return vlunMajor != nullptr && std::strcmp(vlunMajor, major) == 0;
+}
+
+// A node that makes other nodes of its device number be dropped.
+bool UDEV_IsSuperseder(const UdevEventNode *eventNode)
+{
+    return std::strcmp(eventNode->action, "change") != 0;
+}
+
+// Counts, per device number, the superseding nodes on the working list.
+// Forget() must be called for every node deleted while the index is in use.
+class SupersedeIndex {
+public:
+    explicit SupersedeIndex(UdevListHead *list) : list_(list) { Build(); }
+
+    bool IsSuperseded(UdevEventNode *eventNode)
+    {
+        if (indexed_) {
+            try {
+                auto it = counts_.find(std::string(eventNode->devNum));
+                size_t total = it == counts_.end() ? 0 : it->second;
+                size_t self = UDEV_IsSuperseder(eventNode) ? 1 : 0;
+                if (total <= self) {
+                    return false;
+                }
+            } catch (const std::exception &) {
+                DropIndex();
+                return UDEV_FindUdevEvent(list_, eventNode);
+            }
+            MPI_Log(MPI_LOG_INFO, "find same udev event %s.\n", eventNode->devNum);
+            return true;
+        }
+        return UDEV_FindUdevEvent(list_, eventNode);
+    }
+
+    void Forget(const UdevEventNode *eventNode)
+    {
+        if (!indexed_ || !UDEV_IsSuperseder(eventNode)) {
+            return;
+        }
+        try {
+            auto it = counts_.find(std::string(eventNode->devNum));
+            if (it != counts_.end() && it->second > 0) {
+                --it->second;
+            }
+        } catch (const std::exception &) {
+            DropIndex();
+        }
+    }
+
+private:
+    void Build()
+    {
+        try {
+            for (UdevListHead *pos = list_->next; pos != list_; pos = pos->next) {
+                const UdevEventNode *node = UDEV_NodeOf(pos);
+                if (UDEV_IsSuperseder(node)) {
+                    ++counts_[std::string(node->devNum)];
+                }
+            }
+            indexed_ = true;
+        } catch (const std::exception &) {
+            DropIndex();
+        }
+    }
+
+    // From here on the walk asks the linear rule, which reads the list as
+    // it stands and so needs no bookkeeping.
+    void DropIndex()
+    {
+        if (indexed_ || !counts_.empty()) {
+            MPI_Log(MPI_LOG_WARN, "%s\n", "supersession index unavailable, using linear search.");
+        }
+        indexed_ = false;
+        counts_.clear();
+    }
+
+    UdevListHead *list_;
+    std::unordered_map<std::string, size_t> counts_;
+    bool indexed_ = false;
+};
+
+// Pass 1: LVM check and enrichment of the nodes that came with this walk.
+void UDEV_PrepareNewEvents(UdevListHead *list)
+{
+    UdevListHead *next = nullptr;
+    for (UdevListHead *pos = list->next; pos != list; pos = next) {
+        next = pos->next;
+        UdevEventNode *eventNode = UDEV_NodeOf(pos);
+        if (eventNode->isRetry == 1) {
+            continue;  // enriched on the walk that brought it
+        }
+        if (UDEV_IsVlunAddEvent(eventNode)) {
+            MPI_Log(MPI_LOG_DEBUG, "%s.\n", "run activate lvm command");
+            UDEV_RequestActivateLvm();
+        }
+        if (UDEV_EnrichAndFilterEventNode(eventNode) != UDEV_RET_OK) {
+            UDEV_DeleteEventNode(eventNode);
+        }
+    }
+}
+
+// Pass 2: supersession, retry wait, dispatch, retry marking or delete.
+void UDEV_DispatchWorkingList(UdevListHead *list)
+{
+    SupersedeIndex index(list);
+    UdevListHead *next = nullptr;
+    for (UdevListHead *pos = list->next; pos != list; pos = next) {
+        next = pos->next;
+        UdevEventNode *eventNode = UDEV_NodeOf(pos);
+        if (index.IsSuperseded(eventNode)) {
+            index.Forget(eventNode);
+            UDEV_DeleteEventNode(eventNode);
+            continue;
+        }
+        if (UDEV_CheckEventRetry(eventNode)) {
+            continue;
+        }
+        if (!UDEV_DispatchEventNode(eventNode)) {
+            UDEV_MarkEventRetry(eventNode);
+            // "add" stands in this message for every action.
+            MPI_Log(MPI_LOG_INFO, "add retry udev event %s(%s).\n", eventNode->action, eventNode->devNum);
+            continue;
+        }
+        index.Forget(eventNode);
+        UDEV_DeleteEventNode(eventNode);
+    }
+}
+
+int UDEV_HandleWait()
+{
+    g_handleState.store(UDEV_THREAD_RUNNING, std::memory_order_relaxed);
+    while (!UDEV_IsStop()) {
+        if (!UDEV_WaitAndTakeEvents(UDEV_GetWorkingList())) {
+            MPI_Log(MPI_LOG_DEBUG, "%s\n", "udev handle thread running......");
+        }
+        // Also when nothing new came: that is how nodes waiting for a retry
+        // get their turn on the 120 s wake-ups.
+        UDEV_HandleEvent();
+    }
+    return 0;
+}
+
+}  // namespace
+
+void UDEV_HandleEvent()
+{
+    UdevListHead *list = UDEV_GetWorkingList();
+    UDEV_PrepareNewEvents(list);
+    UDEV_DispatchWorkingList(list);
+}
+
+void *UDEV_HandleThr(void * /* arg */)
+{
+    UDEV_DisableCancel();
+    // Publishes UDEV_THREAD_STOP as the very last step, on a normal end and
+    // on cancellation alike.
+    UdevThreadStopGuard stopOnExit(g_handleState);
+    g_handleState.store(UDEV_THREAD_START, std::memory_order_relaxed);
+    (void)UDEV_HandleWait();
+    MPI_Log(MPI_LOG_ERROR, "%s\n", "udev handle thread run failed.");
+    UDEV_SetStop();  // the daemon does not run on without its handler
+    return nullptr;
+}
+
+int UDEV_CreateHandleThread()
+{
+    g_handleState.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
+    int err = pthread_create(&g_handleThread, nullptr, UDEV_HandleThr, nullptr);
+    if (err != 0) {
+        MPI_Log(MPI_LOG_ERROR, "failed to create qmudev handle thread: %s\n", strerror(err));
+        return UDEV_RET_FAIL;
+    }
+    g_handleThreadLive = true;
+    // A thread that already ended counts as started; its end has set the
+    // stop flag, which brings the daemon down anyway.
+    if (UDEV_WaitThreadState(g_handleState, true)) {
+        return UDEV_RET_OK;
+    }
+    (void)pthread_cancel(g_handleThread);
+    (void)pthread_detach(g_handleThread);
+    g_handleThreadLive = false;
+    MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev handle thread success but wait run timeout.");
+    return UDEV_RET_FAIL;
+}
+
+// Stop flag, wake-up, then cancel at once: the thread is normally asleep in
+// the condition wait, where cancellation is open. If the wake-up wins, it
+// sees the stop flag after its walk and ends normally; if the cancellation
+// wins, it unwinds out of the wait with the mutex released by its lock
+// guard. Busy in a walk, it cannot be cancelled and ends normally after it.
+// The thread is never joined: it is detached once we are done with it.
+void UDEV_DestoryHandleThread()
+{
+    UDEV_SetStop();
+    if (!g_handleThreadLive) {
+        return;
+    }
+    UDEV_SignalEventList();
+    (void)pthread_cancel(g_handleThread);
+    if (!UDEV_WaitThreadState(g_handleState, false)) {
+        (void)pthread_cancel(g_handleThread);
+        MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev handle thread wait stop timeout.");
+    }
+    (void)pthread_detach(g_handleThread);
+    g_handleThreadLive = false;
+}
+
+int UDEV_GetHandleThreadState()
+{
+    return g_handleState.load(std::memory_order_relaxed);
+}
+
+void UDEV_SetVlunMajorForTest(UdevVlunMajorFn source)
+{
+    g_vlunMajorSource.store(source, std::memory_order_relaxed);
+}

@@ -1,0 +1,170 @@
+// LVM activation of the product's new virtual disks.
+//
+// The handle thread arms a request for every "add" of a disk on the
+// driver's own major; the main loop counts one tick per one-second turn
+// while a request is armed; the LVM thread runs "lvm pvscan" once the
+// request has stood for five ticks. Re-arming restarts the count, so a
+// burst of new disks leads to one activation five seconds after the last.
+//
+// Three threads touch the request without a lock (handle arms, main
+// ticks, LVM tests, clears and re-arms). The fields are atomics with
+// relaxed, separate loads and stores: a lost update only shifts the run by
+// a tick, which the design accepts, and the sanitizers see no race.
+//
+// A failed run re-arms the request; the retry counter belongs to the
+// thread and is not reset by a success, so failures add up across requests
+// until the sixth since the last reset gives up.
+#include "udev_lvm.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "mpi_usr_if.h"
+#include "udev_log.h"
+#include "udev_thread.h"
+#include "util_ret.h"
+
+namespace {
+
+std::atomic<uint8_t> g_lvmRequest{0};
+std::atomic<unsigned> g_lvmTicks{0};
+std::atomic<int> g_lvmThreadState{UDEV_THREAD_INIT};
+// Touched only by the creator and destroyer (main thread).
+pthread_t g_lvmThread;
+bool g_lvmThreadLive = false;
+
+std::atomic<const char *> g_lvmCommand{nullptr};
+
+const char *UDEV_LvmCommand()
+{
+    const char *command = g_lvmCommand.load(std::memory_order_relaxed);
+    return command != nullptr ? command : UDEV_LVM_COMMAND;
+}
+
+}  // namespace
+
+void UDEV_RequestActivateLvm()
+{
+    g_lvmRequest.store(1, std::memory_order_relaxed);
+    g_lvmTicks.store(0, std::memory_order_relaxed);
+}
+
+void UDEV_ClearActivateLvmRequest()
+{
+    g_lvmRequest.store(0, std::memory_order_relaxed);
+    g_lvmTicks.store(0, std::memory_order_relaxed);
+}
+
+bool UDEV_ActivateLvmDue()
+{
+    return g_lvmRequest.load(std::memory_order_relaxed) == 1 &&
+           g_lvmTicks.load(std::memory_order_relaxed) >= UDEV_LVM_DUE_TICKS;
+}
+
+void UDEV_ActivateLvmTick()
+{
+    if (g_lvmRequest.load(std::memory_order_relaxed) == 1) {
+        g_lvmTicks.store(g_lvmTicks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+}
+
+int UDEV_RunActivateLvmCommand()
+{
+    const char *command = UDEV_LvmCommand();
+    int status = 0;
+    {
+        // lvm may take long; a shutdown must not wait for it.
+        UdevCancelPoint cancelPoint;
+        status = std::system(command);
+    }
+    if (status == 0) {
+        return UDEV_RET_OK;
+    }
+    MPI_Log(MPI_LOG_ERROR, "run command{%s} failed.\n", command);
+    return UDEV_RET_FAIL;
+}
+
+bool UDEV_ActivateLvmCheck(int *retryCount)
+{
+    MPI_AssertNotNull(retryCount);
+    if (!UDEV_ActivateLvmDue()) {
+        return false;
+    }
+    UDEV_ClearActivateLvmRequest();
+    int ret = UDEV_RunActivateLvmCommand();
+    if (ret != UDEV_RET_OK && *retryCount <= UDEV_LVM_MAX_RETRY) {
+        UDEV_RequestActivateLvm();  // the next try comes five ticks later
+        ++*retryCount;
+    }
+    if (*retryCount > UDEV_LVM_MAX_RETRY) {
+        MPI_Log(MPI_LOG_ERROR, "%s", "the maximum number of retries has been reached.\n");
+        *retryCount = 0;
+        UDEV_ClearActivateLvmRequest();  // drops the re-arm made just before
+    }
+    return true;
+}
+
+void *UDEV_ActivateLvmThr(void * /* arg */)
+{
+    UDEV_DisableCancel();
+    // Cancelled in sleep or system, the thread still reports its end.
+    UdevThreadStopGuard stopOnExit(g_lvmThreadState);
+    g_lvmThreadState.store(UDEV_THREAD_RUNNING, std::memory_order_relaxed);
+    int retryCount = 0;
+    while (!UDEV_IsStop()) {
+        (void)UDEV_ActivateLvmCheck(&retryCount);
+        UdevCancelPoint cancelPoint;
+        (void)sleep(1);
+    }
+    MPI_Log(MPI_LOG_WARN, "%s", "activate Lvm thread exit.\n");
+    UDEV_SetStop();  // the end of this thread ends the daemon
+    return nullptr;
+}
+
+int UDEV_CreateActivateLvm()
+{
+    g_lvmThreadState.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
+    int err = pthread_create(&g_lvmThread, nullptr, UDEV_ActivateLvmThr, nullptr);
+    if (err != 0) {
+        MPI_Log(MPI_LOG_ERROR, "failed to create activate Lvm thread: %s\n", strerror(err));
+        return UDEV_RET_FAIL;
+    }
+    g_lvmThreadLive = true;
+    if (UDEV_WaitThreadState(g_lvmThreadState, true)) {
+        return UDEV_RET_OK;
+    }
+    (void)pthread_cancel(g_lvmThread);
+    (void)pthread_detach(g_lvmThread);
+    g_lvmThreadLive = false;
+    MPI_Log(MPI_LOG_ERROR, "%s\n", "create activate Lvm thread success but wait run timeout.");
+    return UDEV_RET_FAIL;
+}
+
+// No wait: the thread only sleeps or runs lvm, and holds nothing that the
+// rest of the shutdown needs. Detached after the cancel so that it is
+// reclaimed whenever it ends (never joined).
+void UDEV_DestoryActivateLvm()
+{
+    UDEV_SetStop();
+    if (!g_lvmThreadLive) {
+        return;
+    }
+    (void)pthread_cancel(g_lvmThread);
+    (void)pthread_detach(g_lvmThread);
+    g_lvmThreadLive = false;
+}
+
+int UDEV_GetActivateLvmState()
+{
+    return g_lvmThreadState.load(std::memory_order_relaxed);
+}
+
+void UDEV_SetLvmCommandForTest(const char *command)
+{
+    g_lvmCommand.store(command, std::memory_order_relaxed);
+}

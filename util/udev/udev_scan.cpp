@@ -1,0 +1,216 @@
+// The start-up scan. g_scanList belongs to this module and to the main
+// thread alone; it is empty between scans, and its nodes leave it either all
+// at once to the front of the event list or all deleted.
+#include "udev_scan.h"
+
+#include <cstring>
+#include <string_view>
+#include <unordered_set>
+
+#include <libudev.h>
+
+#include "misc_ioctl.h"
+#include "mpi_usr_if.h"
+#include "securec.h"
+#include "udev_enrich.h"
+#include "udev_event.h"
+#include "udev_list.h"
+#include "udev_query.h"
+#include "util_ret.h"
+
+namespace {
+
+UdevListHead g_scanList = {&g_scanList, &g_scanList};
+UdevScanHandOverFn g_handOver = UDEV_AddEventList;
+
+constexpr char SCAN_SUBSYSTEM[] = "block";
+constexpr char SCAN_DEVTYPE[] = "disk";
+constexpr char SCAN_REMOVE_ACTION[] = "remove";
+
+// Device numbers of the nodes on g_scanList. The driver may report thousands
+// of device numbers; a walk of the list for each would make the scan
+// quadratic, so the answer of UDEV_InquiryScanNode is kept in a set that
+// follows the list as remove nodes are appended.
+using DevNumIndex = std::unordered_set<std::string_view>;
+
+const char *TextOrNull(const char *text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+std::string_view DevNumOf(const UdevEventNode *node)
+{
+    return {node->devNum, strnlen(node->devNum, UDEV_DEVNUM_LEN)};
+}
+
+// False when memory ran out: the caller then walks the list instead.
+bool IndexAdd(DevNumIndex *index, const UdevEventNode *node) noexcept
+{
+    try {
+        index->insert(DevNumOf(node));
+        return true;
+    } catch (...) {
+        index->clear();
+        return false;
+    }
+}
+
+bool IndexBuild(DevNumIndex *index, UdevListHead *head) noexcept
+{
+    for (UdevListHead *link = head->next; link != head; link = link->next) {
+        if (!IndexAdd(index, UDEV_NodeOf(link))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool IsOnScanList(const DevNumIndex &index, bool indexed, const char *token)
+{
+    if (indexed) {
+        return index.find(std::string_view(token)) != index.end();
+    }
+    return UDEV_InquiryScanNode(token, &g_scanList) != nullptr;
+}
+
+}  // namespace
+
+UdevListHead *UDEV_GetScanListForTest()
+{
+    return &g_scanList;
+}
+
+void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn)
+{
+    g_handOver = (fn != nullptr) ? fn : UDEV_AddEventList;
+}
+
+UdevEventNode *UDEV_InquiryScanNode(const char *devNum, UdevListHead *headNode)
+{
+    MPI_AssertNotNull(headNode);
+    MPI_AssertNotNull(devNum);
+    std::string_view wanted(devNum);
+    for (UdevListHead *link = headNode->next; link != headNode; link = link->next) {
+        if (DevNumOf(UDEV_NodeOf(link)) == wanted) {
+            return UDEV_NodeOf(link);
+        }
+    }
+    return nullptr;
+}
+
+UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen, const char *actionType)
+{
+    MPI_AssertNotNull(devNum);
+    MPI_AssertNotNull(actionType);
+    MPI_Assert(devNumLen != 0);
+    UdevEventNode *node = UDEV_AllocEventNode();
+    if (node == nullptr) {
+        MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc failed.");
+        return nullptr;
+    }
+    if (sprintf_s(node->action, sizeof(node->action), "%s", actionType) == -1 ||
+        sprintf_s(node->devNum, sizeof(node->devNum), "%s", devNum) == -1) {
+        UDEV_DeleteEventNode(node);
+        MPI_Log(MPI_LOG_ERROR, "%s\n", "sprintf_s failed.");
+        return nullptr;
+    }
+    return node;
+}
+
+void UDEV_SplitHanleDeviceNumber(char *devNumber)
+{
+    MPI_AssertNotNull(devNumber);
+    if (devNumber[0] == '\0') {
+        return;
+    }
+    DevNumIndex index;
+    bool indexed = IndexBuild(&index, &g_scanList);
+    char *context = nullptr;
+    for (char *token = strtok_s(devNumber, " ", &context); token != nullptr;
+         token = strtok_s(nullptr, " ", &context)) {
+        if (IsOnScanList(index, indexed, token)) {
+            continue;  // udev still has the disk
+        }
+        UdevEventNode *node =
+            UDEV_GetEventNodeByDevNum(token, static_cast<uint32_t>(std::strlen(token) + 1), SCAN_REMOVE_ACTION);
+        if (node == nullptr) {
+            MPI_Log(MPI_LOG_ERROR, "get node failed for remove %s.\n", token);
+            continue;
+        }
+        UDEV_ListAddTail(&node->list, &g_scanList);
+        if (indexed) {
+            indexed = IndexAdd(&index, node);
+        }
+    }
+}
+
+bool UDEV_GetDev()
+{
+    MallocPtr<char> devNumbers = INTF_UTIL_MiscIoctlGet();
+    if (devNumbers == nullptr) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "ioctl inquiry failed");
+        return false;
+    }
+    UDEV_SplitHanleDeviceNumber(devNumbers.get());
+    return true;
+}
+
+bool UDEV_DispatchEvent(struct udev_device *udevDev)
+{
+    UdevEventNode *node = UDEV_AllocEventNode();
+    if (node == nullptr) {
+        MPI_Log(MPI_LOG_WARN, "%s\n", "get event node by udev device failed.");
+        return false;
+    }
+    if (UDEV_InitEventNodeBasicInfo(udevDev, node) == UDEV_RET_OK &&
+        UDEV_InitAddEventNode(udevDev, node) == UDEV_RET_OK) {
+        UDEV_ListAddTail(&node->list, &g_scanList);
+        return true;
+    }
+    // Whatever the fill left in the node (a device reference included) goes
+    // with it.
+    UDEV_DeleteEventNode(node);
+    return false;
+}
+
+void UDEV_HandBlockDevice(const char *devPath, struct udev_device *udevDev)
+{
+    if (devPath == nullptr || udevDev == nullptr) {
+        MPI_Log(MPI_LOG_ERROR, "get device and devPath{%s} fail.\n", TextOrNull(devPath));
+        return;
+    }
+    const char *devType = udev_device_get_devtype(udevDev);
+    if (devType == nullptr || std::strcmp(devType, SCAN_DEVTYPE) != 0) {
+        MPI_Log(MPI_LOG_WARN, "the device type{%s} of {%s} is not suppurted.\n", TextOrNull(devType), devPath);
+        return;
+    }
+    if (!UDEV_DispatchEvent(udevDev)) {
+        MPI_Log(MPI_LOG_DEBUG, "dispatch device failed devPath:%s.\n", devPath);
+    }
+}
+
+bool UDEV_UpdatePhyDev()
+{
+    if (INTF_UTIL_UdevGetDevice(SCAN_SUBSYSTEM, UDEV_HandBlockDevice) != UDEV_RET_OK) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "scanning udev failed");
+        return false;
+    }
+    if (!UDEV_GetDev()) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "get devices from kernel failed");
+        return false;
+    }
+    return true;
+}
+
+bool UDEV_Scan()
+{
+    UDEV_DeleteEventList(&g_scanList);
+    UDEV_ListInit(&g_scanList);
+    if (!UDEV_UpdatePhyDev()) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "Update physical device failed");
+        UDEV_DeleteEventList(&g_scanList);
+        return false;
+    }
+    g_handOver(&g_scanList);
+    return true;
+}

@@ -1,0 +1,50 @@
+// Run-state polling and cancellation confinement shared by the handle,
+// monitor and LVM activation threads.
+//
+// Why cancellation is confined: the destroyers cancel a thread right after
+// asking it to stop. With deferred cancellation left on, any libc call that
+// is a cancellation point (fopen inside a log line, popen, ioctl on some
+// libcs) could end a thread in the middle of a dispatch, with a node
+// half-unlinked or the event-list mutex held. So every worker disables
+// cancellation first thing and opens it only around the one call it blocks
+// in (condition wait, poll, sleep, system). glibc acts on a cancellation by
+// forced unwinding, so the destructors of the frames above the blocking call
+// run: the event-list lock guard unlocks the mutex, the monitor's udev
+// context and monitor are dropped, and UdevThreadStopGuard publishes
+// UDEV_THREAD_STOP. For the same reason no function on such a path is
+// noexcept and none swallows the unwind with catch (...).
+#include "udev_thread.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning)
+{
+    // One look, then up to UDEV_THREAD_WAIT_TURNS sleeps of 100 ms each
+    // followed by a look: at most 301 looks, about 30 s.
+    for (int count = 0;; ++count) {
+        int current = state.load(std::memory_order_relaxed);
+        if (current == UDEV_THREAD_STOP || (acceptRunning && current == UDEV_THREAD_RUNNING)) {
+            return true;
+        }
+        if (count >= UDEV_THREAD_WAIT_TURNS) {
+            return false;
+        }
+        (void)usleep(UDEV_THREAD_WAIT_USEC);
+    }
+}
+
+UdevCancelPoint::UdevCancelPoint() : previous_(PTHREAD_CANCEL_DISABLE)
+{
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous_);
+}
+
+UdevCancelPoint::~UdevCancelPoint()
+{
+    (void)pthread_setcancelstate(previous_, nullptr);
+}
+
+void UDEV_DisableCancel()
+{
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
