@@ -19,7 +19,7 @@ mkdir -p "$build"
 build=$(cd "$build" && pwd)
 seconds=${QMUDEV_FUZZ_SECONDS:-60}
 jobs=${QMUDEV_FUZZ_JOBS:-$(nproc)}
-all_targets="fuzz_bounds fuzz_sscanf"
+all_targets="fuzz_bounds fuzz_sscanf fuzz_vendor_config fuzz_qmlinux_config fuzz_misc_get fuzz_devinfo"
 targets=${QMUDEV_FUZZ_TARGETS:-$all_targets}
 
 case "$seconds" in
