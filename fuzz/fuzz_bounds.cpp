@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -85,6 +86,9 @@ void Verify(const Call &call, int ret, const unsigned char *arena, const std::ve
             same = o.bytes[i] < 0 || o.bytes[i] == arena[i];
         }
         if (same) {
+            if (std::getenv("QMUDEV_FUZZ_DEBUG") != nullptr) {
+                std::fprintf(stderr, "fuzz_bounds: %s -> %d\n", call.desc.c_str(), ret);
+            }
             return;
         }
     }
@@ -651,6 +655,10 @@ void FuzzStrtok(FuzzedDataProvider &fdp)
                    FuzzShow(text).c_str(), FuzzShow(delim).c_str(), FuzzShow(mp, text.size()).c_str(),
                    FuzzShow(rp, text.size()).c_str());
         if (m == nullptr) {
+            if (std::getenv("QMUDEV_FUZZ_DEBUG") != nullptr) {
+                std::fprintf(stderr, "fuzz_bounds: strtok_s(\"%s\", \"%s\") -> %zu tokens\n", FuzzShow(text).c_str(),
+                             FuzzShow(delim).c_str(), round);
+            }
             break;
         }
     }

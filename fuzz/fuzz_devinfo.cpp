@@ -29,8 +29,10 @@
 // Keys: block, scsi, target, port, host, transport (fc, iscsi, local),
 // vendor, model, nvme_model, ctrl, nsid, cntlid, hidden, devtype,
 // subsystem, major, minor, wwn, rule (a vendor-list line; several allowed;
-// none gives a rule for the disk's own vendor and product), vlen, plen
-// (buffer sizes for the pure helpers). A key given twice takes its last
+// none gives a rule for the disk's own vendor and product), prefill (text
+// put into devInfo after the device number and protocol word, up to the
+// field's full 128 bytes without terminator), vlen, plen (buffer sizes for
+// the pure helpers). A key given twice takes its last
 // value; a missing attribute or property key leaves it absent.
 
 #include <cctype>
@@ -429,6 +431,11 @@ struct Expect {
     bool hctlAppendPending = false;
 };
 
+std::string ShowDevInfo(const UdevEventNode *node)
+{
+    return FuzzShow(node->devInfo, strnlen(node->devInfo, UDEV_DEVINFO_LEN));
+}
+
 bool Append(std::string &devInfo, const std::string &piece)
 {
     if (devInfo.size() + piece.size() + 1 > UDEV_DEVINFO_LEN) {
@@ -694,6 +701,16 @@ void CheckAdd(const Input &in)
 
     Expect e;
     bool basic = ReferenceBasic(block, e);
+    // Text already in devInfo before the protocol's appends: real device
+    // numbers leave plenty of room, so this is how the appends meet a
+    // nearly full or a full, unterminated field.
+    std::string prefill = CText(in.Get("prefill")).value_or("");
+    bool full = false;
+    if (basic && !prefill.empty()) {
+        prefill = prefill.substr(0, UDEV_DEVINFO_LEN - std::min<size_t>(e.devInfo.size(), UDEV_DEVINFO_LEN));
+        e.devInfo += prefill;
+        full = e.devInfo.size() >= UDEV_DEVINFO_LEN;
+    }
     if (basic) {
         if (t.nvme) {
             ReferenceNvme(t, block, e);
@@ -715,6 +732,8 @@ void CheckAdd(const Input &in)
     FUZZ_CHECK((ret == UDEV_RET_OK) == basic, "UDEV_InitEventNodeBasicInfo returned %d for block %s", ret,
                FuzzShow(block.Sysname()).c_str());
     if (ret == UDEV_RET_OK) {
+        size_t used = strnlen(node->devInfo, UDEV_DEVINFO_LEN);
+        std::memcpy(node->devInfo + used, prefill.data(), prefill.size());
         ret = UDEV_InitAddEventNode(block.dev, node);
         FUZZ_CHECK(ret == UDEV_RET_OK || ret == UDEV_RET_FAIL, "UDEV_InitAddEventNode returned %d", ret);
     }
@@ -722,13 +741,18 @@ void CheckAdd(const Input &in)
     for (size_t i = tail; i < sizeof(UdevEventNode); ++i) {
         FUZZ_CHECK(reinterpret_cast<unsigned char *>(node)[i] == 0, "the record was written past devInfo");
     }
-    FUZZ_CHECK(std::memchr(node->devInfo, 0, UDEV_DEVINFO_LEN) != nullptr, "devInfo is not terminated");
+    if (full) {
+        FUZZ_CHECK(ret != UDEV_RET_OK && std::memcmp(node->devInfo, e.devInfo.data(), UDEV_DEVINFO_LEN) == 0,
+                   "an add appended to a full devInfo");
+    } else {
+        FUZZ_CHECK(std::memchr(node->devInfo, 0, UDEV_DEVINFO_LEN) != nullptr, "devInfo is not terminated");
+    }
     FUZZ_CHECK(std::memchr(node->devNum, 0, UDEV_DEVNUM_LEN) != nullptr, "devNum is not terminated");
 
     if (std::getenv("QMUDEV_FUZZ_DEBUG") != nullptr) {
         std::fprintf(stderr, "fuzz_devinfo: %s: basic %s, add %s; devInfo \"%s\", model \"%s\"%s, transport %d/%d\n",
                      FuzzShow(block.Sysname()).c_str(), basic ? "ok" : "fails", ret == UDEV_RET_OK ? "ok" : "fails",
-                     FuzzShow(node->devInfo).c_str(), FuzzShow(e.devInfo).c_str(),
+                     ShowDevInfo(node).c_str(), FuzzShow(e.devInfo).c_str(),
                      e.hctlAppendPending ? " + HCTL" : "", node->transportType, node->transportId);
     }
     int32_t got[4] = {node->host, node->channel, node->target, node->lun};
@@ -743,14 +767,14 @@ void CheckAdd(const Input &in)
         bool ok = ret == UDEV_RET_OK;
         FUZZ_CHECK(ok == e.ok, "the add of %s %s, expected %s; devInfo \"%s\", model says \"%s\"",
                    FuzzShow(block.Sysname()).c_str(), ok ? "succeeded" : "failed", e.ok ? "success" : "failure",
-                   FuzzShow(node->devInfo).c_str(), FuzzShow(e.devInfo).c_str());
+                   ShowDevInfo(node).c_str(), FuzzShow(e.devInfo).c_str());
         if (ok) {
             for (int i = 0; i < 4; ++i) {
                 FUZZ_CHECK(e.anyField[i] || got[i] == e.hctl[i], "field %d of %s is %d, expected %d", i,
                            FuzzShow(block.Sysname()).c_str(), got[i], e.hctl[i]);
             }
             const std::string &want = e.devInfo;
-            FUZZ_CHECK(want == node->devInfo, "devInfo \"%s\", expected \"%s\"", FuzzShow(node->devInfo).c_str(),
+            FUZZ_CHECK(want == node->devInfo, "devInfo \"%s\", expected \"%s\"", ShowDevInfo(node).c_str(),
                        FuzzShow(want).c_str());
             FUZZ_CHECK(std::memcmp(node->action, "add", 4) == 0, "action is not \"add\"");
             if (!t.nvme) {

@@ -163,6 +163,10 @@ void CheckLookups(const int32_t expect[4])
         }
     }
     char out[16];
+    FuzzGuarded none(1);
+    FUZZ_CHECK(UDEV_GetQmLinuxCfgValue("scsi_timeout", none.Data(), 0) == UDEV_RET_FAIL && none.Intact() &&
+                   none.Data()[0] == 0x5A,
+               "a lookup into 0 bytes did not fail untouched");
     FUZZ_CHECK(UDEV_GetQmLinuxCfgValue("SCSI_TIMEOUT", out, sizeof(out)) == UDEV_RET_NOT_FOUND,
                "a name in capitals was found");
     FUZZ_CHECK(UDEV_GetQmLinuxCfgValue("", out, sizeof(out)) == UDEV_RET_NOT_FOUND, "the empty name was found");
