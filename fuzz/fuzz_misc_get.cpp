@@ -9,11 +9,11 @@
 //    record and writes at most bufLen bytes of data; what it says in
 //    status, dataLen and needLen is the input's. The fake also checks what
 //    the daemon hands it (request number, bufLen, zeroed data area).
-//    Two replies are never scripted, both specified to never return: a
-//    1038 with needLen 0 (the record builder's assertion), and endless
-//    1038s; after a few rounds the fake stops answering 1038.
+//    Two replies are never scripted: by design the daemon never comes back
+//    from them. A 1038 with needLen 0 (the record builder's assertion), and
+//    endless 1038s; after a few rounds the fake stops answering 1038.
 // 3. Add, remove and change with texts from the input (never empty: an
-//    empty text is the same specified assertion) and scripted answers.
+//    empty text is the same deliberate assertion) and scripted answers.
 // 4. The same calls with the device counted as not open (descriptor 0).
 //
 // Input layout (all numbers little-endian; missing bytes read as 0):
@@ -271,7 +271,7 @@ void CheckEvents(Reader &in)
         std::string text = in.Bytes(in.Take<uint16_t>() % 512);
         text = text.substr(0, std::strlen(text.c_str()));
         if (text.empty()) {
-            text = "8:32";  // an empty text is the specified assertion
+            text = "8:32";  // an empty text is the deliberate assertion
         }
         static const unsigned long kRequests[3] = {MISC_IOCTL_ADD, MISC_IOCTL_REMOVE, MISC_IOCTL_CHANGE};
         s.expectRequest = kRequests[which];
@@ -324,7 +324,7 @@ void CheckCtrlNode(Reader &in)
     text = text.substr(0, std::strlen(text.c_str()));
     bool useText = !text.empty();
     if (!useText && len == 0) {
-        len = 1;  // a length of 0 is the specified assertion
+        len = 1;  // a length of 0 is the deliberate assertion
     }
     MallocPtr<MiscCtrlParam> p = UTIL_MiscAllocCtrlNode(useText ? text.c_str() : nullptr, len);
     FUZZ_CHECK(p != nullptr, "UTIL_MiscAllocCtrlNode failed");

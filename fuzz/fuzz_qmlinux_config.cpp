@@ -9,7 +9,7 @@
 //    each value must equal the reference's, and lie within its range.
 //
 // A line of length 0 (a newline right after a newline, or at the start)
-// holds the reading thread in the cleaner's assertion, as specified: it
+// holds the reading thread in the cleaner's assertion, by design: it
 // never returns. Step 2 is therefore skipped for inputs that would hand such
 // a line to the settings handler (the reference reader tells which); step 1
 // still runs for them, since its own callback has no such check.
@@ -207,7 +207,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     for (const std::string &line : lines) {
         if (line.empty()) {
-            return 0;  // would hold this thread in the specified assertion
+            return 0;  // would hold this thread in the deliberate assertion
         }
     }
     UDEV_ResetQmLinuxConfigForTest();
