@@ -1,9 +1,8 @@
-// Protocol dispatch: the choice of protocol by kernel name, the protocol
-// word in devInfo, routing of the three operations, and the layer's context.
+// Protocol dispatch: protocol chosen by kernel name, the protocol word in
+// devInfo, routing of the three operations, the layer's own context.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "support/udev_testbed.h"
 #include "udev_protocol.h"
@@ -13,22 +12,12 @@ using namespace qmtest;
 
 namespace {
 
-void SetDevInfo(UdevEventNode &node, const std::string &text)
-{
-    std::memset(node.devInfo, 0, sizeof(node.devInfo));
-    std::memcpy(node.devInfo, text.data(), std::min(text.size(), sizeof(node.devInfo)));
-}
-
-// ---- protocol choice --------------------------------------------------------
-
-TEST(ProtocolInitByName, OtherDevicesFailAndLeaveTheNodeAlone)
+TEST(ProtocolInit, OtherNamesFailAndLeaveTheNodeAlone)
 {
     Testbed bed;
     for (const char *name : {"sr0", "vda", "dm-0", "loop0", "SDA", "nvm0n1", "s"}) {
-        NodeHolder holder(bed.Device(AddBareBlock(bed, name)));
-        ASSERT_TRUE(holder.dev) << name;
+        NodeHolder holder(bed.Device(AddBareBlock(bed, name)), "11:0", "11:0 ");
         holder.node.protocol = 7;
-        SetDevInfo(holder.node, "11:0 ");
         LogCapture log;
         EXPECT_EQ(UDEV_RET_FAIL, UDEV_ProtocolInit(holder.dev.get(), &holder.node)) << name;
         EXPECT_TRUE(log.Has("get the device name{" + std::string(name) + "} of udev device is not support.\n"));
@@ -37,92 +26,53 @@ TEST(ProtocolInitByName, OtherDevicesFailAndLeaveTheNodeAlone)
     }
 }
 
-TEST(ProtocolInitByName, FullDevInfoFailsAfterChoosingTheProtocol)
+TEST(ProtocolInit, FullDevInfoFailsAfterTheProtocolIsSet)
 {
     Testbed bed;
     NodeHolder holder(bed.Device(AddBareBlock(bed, "nvme0n1")));
-    ASSERT_TRUE(holder.dev);
-    // Room for "nvm" only: the word and its blank need five bytes.
-    SetDevInfo(holder.node, std::string(UDEV_DEVINFO_LEN - 4, 'x'));
+    const std::string filler(UDEV_DEVINFO_LEN - 5, 'x');  // "nvme " needs 6 bytes
+    std::strcpy(holder.node.devInfo, filler.c_str());
     LogCapture log;
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_ProtocolInit(holder.dev.get(), &holder.node));
     EXPECT_EQ(UDEV_PROTOCOL_NVME, holder.node.protocol);
     EXPECT_TRUE(log.Has("sprintf_s protocol{nvme}  to devinfo fail.\n"));
-    EXPECT_EQ(std::string(UDEV_DEVINFO_LEN - 4, 'x'), holder.node.devInfo);
-}
+    EXPECT_EQ(filler, holder.node.devInfo);
 
-TEST(ProtocolInitByName, UnterminatedDevInfoIsNotOverrun)
-{
-    Testbed bed;
-    NodeHolder holder(bed.Device(AddBareBlock(bed, "sda")));
-    ASSERT_TRUE(holder.dev);
-    std::memset(holder.node.devInfo, 'x', sizeof(holder.node.devInfo));
+    std::memset(holder.node.devInfo, 'x', sizeof(holder.node.devInfo));  // no terminator at all
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_ProtocolInit(holder.dev.get(), &holder.node));
-    EXPECT_EQ(UDEV_PROTOCOL_SCSI, holder.node.protocol);
 }
 
-struct NameCase {
-    const char *name;
-    uint32_t protocol;
-    const char *devInfo;
-};
-
-class ProtocolInitSupported : public ::testing::TestWithParam<NameCase> {};
-
-TEST_P(ProtocolInitSupported, ChoosesByPrefixAndAppendsTheWord)
+TEST(ProtocolInit, SdFirstThenNvmeByPrefix)
 {
+    const struct {
+        const char *name;
+        uint32_t protocol;
+        const char *devInfo;
+    } cases[] = {{"sda", UDEV_PROTOCOL_SCSI, "8:0 scsi "},       {"sdab", UDEV_PROTOCOL_SCSI, "8:0 scsi "},
+                 {"sdfoo", UDEV_PROTOCOL_SCSI, "8:0 scsi "},     {"nvme0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "},
+                 {"nvme0c0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "}};
     Testbed bed;
-    NodeHolder holder(bed.Device(AddBareBlock(bed, GetParam().name)));
-    ASSERT_TRUE(holder.dev);
-    holder.node.protocol = 7;
-    SetDevInfo(holder.node, "8:0 ");
-    EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInit(holder.dev.get(), &holder.node));
-    EXPECT_EQ(GetParam().protocol, holder.node.protocol);
-    EXPECT_STREQ(GetParam().devInfo, holder.node.devInfo);
+    for (const auto &c : cases) {
+        NodeHolder holder(bed.Device(AddBareBlock(bed, c.name)), "8:0", "8:0 ");
+        holder.node.protocol = 7;
+        EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInit(holder.dev.get(), &holder.node)) << c.name;
+        EXPECT_EQ(c.protocol, holder.node.protocol) << c.name;
+        EXPECT_STREQ(c.devInfo, holder.node.devInfo) << c.name;
+    }
+    NodeHolder last(bed.Device(AddBareBlock(bed, "sdx")));
+    std::strcpy(last.node.devInfo, std::string(UDEV_DEVINFO_LEN - 6, 'x').c_str());
+    EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInit(last.dev.get(), &last.node));  // the word fills the last bytes
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, ProtocolInitSupported,
-                         ::testing::Values(NameCase{"sda", UDEV_PROTOCOL_SCSI, "8:0 scsi "},
-                                           NameCase{"sdab", UDEV_PROTOCOL_SCSI, "8:0 scsi "},
-                                           NameCase{"sdfoo", UDEV_PROTOCOL_SCSI, "8:0 scsi "},
-                                           NameCase{"nvme0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "},
-                                           NameCase{"nvme0c0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "}),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-TEST(ProtocolInitByName, WordFitsExactlyIntoTheLastBytes)
+TEST(ProtocolRouting, EachProtocolUsesItsOwnOperations)
 {
     Testbed bed;
-    NodeHolder holder(bed.Device(AddBareBlock(bed, "sda")));
-    ASSERT_TRUE(holder.dev);
-    SetDevInfo(holder.node, std::string(UDEV_DEVINFO_LEN - 6, 'x'));
-    EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInit(holder.dev.get(), &holder.node));
-    EXPECT_EQ(std::string(UDEV_DEVINFO_LEN - 6, 'x') + "scsi ", holder.node.devInfo);
-}
-
-// ---- routing ----------------------------------------------------------------
-
-TEST(ProtocolRouting, WwnComesFromTheProtocolsOwnProperty)
-{
-    Testbed bed;
-    ScsiDisk scsi = AddScsiDisk(bed);
-    NvmeDisk nvme = AddNvmeDisk(bed);
-    UdevDevicePtr scsiDev = bed.Device(scsi.block);
-    UdevDevicePtr nvmeDev = bed.Device(nvme.block);
-    ASSERT_TRUE(scsiDev);
-    ASSERT_TRUE(nvmeDev);
-    EXPECT_STREQ("0x6000c29a1b2c3d4e5f60718293a4b5c6", UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_SCSI, scsiDev.get()));
-    EXPECT_STREQ(".0025388b91d0a3b1", UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_NVME, nvmeDev.get()));
-    EXPECT_EQ(nullptr, UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_NVME, scsiDev.get()));
-}
-
-TEST(ProtocolRouting, AddEnrichmentFollowsTheProtocol)
-{
-    Testbed bed;
-    VendorList vendors(VendorRule("QUILL", "MESH-DISK") + VendorRule("QUILL", "MESH1"));
+    VendorList vendors{{"QUILL", "MESH-DISK"}, {"QUILL", "MESH1"}};
     NodeHolder scsi(bed.Device(AddScsiDisk(bed).block));
-    NodeHolder nvme(bed.Device(AddNvmeDisk(bed).block));
-    ASSERT_TRUE(scsi.dev);
-    ASSERT_TRUE(nvme.dev);
+    NodeHolder nvme(bed.Device(AddNvmeDisk(bed)));
+    EXPECT_STREQ("0x6000c29a1b2c3d4e5f60718293a4b5c6", UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_SCSI, scsi.dev.get()));
+    EXPECT_STREQ(".0025388b91d0a3b1", UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_NVME, nvme.dev.get()));
+    EXPECT_EQ(nullptr, UDEV_ProtocolGetWwnByDevice(UDEV_PROTOCOL_NVME, scsi.dev.get()));
     EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInitAddEventNode(UDEV_PROTOCOL_SCSI, scsi.dev.get(), &scsi.node));
     EXPECT_STREQ("QUILL MESH-DISK 2:0:1:3", scsi.node.devInfo);
     EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInitAddEventNode(UDEV_PROTOCOL_NVME, nvme.dev.get(), &nvme.node));
@@ -132,7 +82,7 @@ TEST(ProtocolRouting, AddEnrichmentFollowsTheProtocol)
 TEST(ProtocolRouting, OnlyTheScsiFinishingStepSetsTimeOuts)
 {
     Testbed bed;
-    ProtocolHandle handle;
+    ASSERT_TRUE(UDEV_ProtocolInitHandle());
     ScsiDisk disk = AddScsiDisk(bed);
     NodeHolder holder;
     holder.node.host = 2;
@@ -141,28 +91,15 @@ TEST(ProtocolRouting, OnlyTheScsiFinishingStepSetsTimeOuts)
     holder.node.lun = 3;
     holder.node.transportType = UDEV_TRANSPORT_FCP;
     holder.node.transportId = 7;
-
     UDEV_ProtocolHandleAddFinish(UDEV_PROTOCOL_NVME, &holder.node);
     EXPECT_EQ("30", bed.FirstLine(disk.portClass, "dev_loss_tmo"));
     EXPECT_EQ("60", bed.FirstLine(disk.scsi, "timeout"));
-
     UDEV_ProtocolHandleAddFinish(UDEV_PROTOCOL_SCSI, &holder.node);
     EXPECT_EQ("5", bed.FirstLine(disk.portClass, "dev_loss_tmo"));
     EXPECT_EQ("4", bed.FirstLine(disk.portClass, "fast_io_fail_tmo"));
     EXPECT_EQ("30", bed.FirstLine(disk.scsi, "timeout"));
-}
-
-// ---- context ----------------------------------------------------------------
-
-TEST(ProtocolHandleLife, ContextExistsOnlyBetweenInitAndRelease)
-{
     UDEV_ProtocolReleaseHandle();
     EXPECT_EQ(nullptr, UDEV_ProtocolUdev());
-    ASSERT_TRUE(UDEV_ProtocolInitHandle());
-    EXPECT_NE(nullptr, UDEV_ProtocolUdev());
-    UDEV_ProtocolReleaseHandle();
-    EXPECT_EQ(nullptr, UDEV_ProtocolUdev());
-    UDEV_ProtocolReleaseHandle();
 }
 
 }  // namespace

@@ -254,12 +254,9 @@ const UpdateCase kUpdateCases[] = {
     {"EmptyName", "", 10, UDEV_RET_NOT_FOUND, kDefaults},
     {"NameCaseDiffers", "Scsi_timeout", 10, UDEV_RET_NOT_FOUND, kDefaults},
     {"NamePrefix", "scsi_time", 10, UDEV_RET_NOT_FOUND, kDefaults},
-    {"BelowRange", "dev_loss_tmo", 0, UDEV_RET_FAIL, kDefaults},
-    {"AboveRange", "fast_io_fail_tmo", 600, UDEV_RET_FAIL, kDefaults},
     {"MinimumInt", "recovery_tmo", INT32_MIN, UDEV_RET_FAIL, kDefaults},
     {"MaximumInt", "scsi_timeout", INT32_MAX, UDEV_RET_FAIL, kDefaults},
     {"InRange", "scsi_timeout", 45, UDEV_RET_OK, {5, 4, 5, 45}},
-    {"SameAsDefault", "dev_loss_tmo", 5, UDEV_RET_OK, kDefaults},
 };
 INSTANTIATE_TEST_SUITE_P(ByName, QmLinuxUpdateTest, ::testing::ValuesIn(kUpdateCases),
                          [](const auto &info) { return std::string(info.param.name); });

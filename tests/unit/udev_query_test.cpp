@@ -1,10 +1,8 @@
-// udev query helpers: enumeration walks, SCSI and NVMe vendor/product
-// reading, the model split and the blank trim.
+// udev query helpers: enumeration walks, vendor/product of SCSI and NVMe
+// disks, the model split and the blank trim.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "support/udev_testbed.h"
 #include "udev_query.h"
@@ -14,422 +12,215 @@ using namespace qmtest;
 
 namespace {
 
-struct VendorProduct {
+struct Ids {
     char vendor[UTIL_VENDOR_LEN];
     char product[UTIL_PRODUCT_LEN];
 };
 
-// Poisoned buffers show whether a failed query left usable text behind.
-VendorProduct Poisoned()
-{
-    VendorProduct out;
-    std::memset(&out, 'Z', sizeof(out));
-    return out;
-}
-
-// ---- blank trim -----------------------------------------------------------
-
-struct TrimCase {
-    const char *input;
-    const char *expected;
-};
-
-class TrimTrailingSpaces : public ::testing::TestWithParam<TrimCase> {};
-
-TEST_P(TrimTrailingSpaces, CutsOnlyTrailingBlanks)
-{
-    char buffer[32] = {0};
-    std::strcpy(buffer, GetParam().input);
-    UTIL_TrimTrailingSpaces(buffer, sizeof(buffer));
-    EXPECT_STREQ(GetParam().expected, buffer);
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, TrimTrailingSpaces,
-                         ::testing::Values(TrimCase{"ATA     ", "ATA"}, TrimCase{"  lead", "  lead"},
-                                           TrimCase{"tab\t", "tab\t"}, TrimCase{"nl\n", "nl\n"},
-                                           TrimCase{"    ", ""}, TrimCase{"", ""},
-                                           TrimCase{"in side ", "in side"}));
-
-TEST(TrimTrailingSpacesBounds, NullAndNonPositiveSizeAreLeftAlone)
-{
-    UTIL_TrimTrailingSpaces(nullptr, 8);
-    char text[] = "ab  ";
-    UTIL_TrimTrailingSpaces(text, 0);
-    UTIL_TrimTrailingSpaces(text, -5);
-    EXPECT_STREQ("ab  ", text);
-}
-
-TEST(TrimTrailingSpacesBounds, UnterminatedTextIsTrimmedWithinItsSize)
-{
-    char text[6] = {'a', 'b', ' ', ' ', 'X', 'X'};
-    UTIL_TrimTrailingSpaces(text, 4);
-    EXPECT_EQ('b', text[1]);
-    EXPECT_EQ('\0', text[2]);
-    EXPECT_EQ('\0', text[3]);
-    EXPECT_EQ('X', text[4]);
-}
-
-// ---- model split ----------------------------------------------------------
-
-struct ModelCase {
-    const char *model;
-    int result;
-    const char *vendor;
+struct QueryCase {
+    Opt text;  // attribute (SCSI: vendor, else model); nullopt: missing
+    int ret;
+    const char *vendor;  // on success; else the expected log line
     const char *product;
-    const char *log;
 };
 
-class NvmeModelSplit : public ::testing::TestWithParam<ModelCase> {};
-
-TEST_P(NvmeModelSplit, SplitsAtLastHyphen)
+TEST(TrimTrailingSpaces, CutsOnlyTrailingBlanksWithinTheSize)
 {
-    const ModelCase &c = GetParam();
-    LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(c.result, UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product,
-                                                           UTIL_PRODUCT_LEN, c.model));
-    if (c.result == UDEV_RET_OK) {
-        EXPECT_STREQ(c.vendor, out.vendor);
-        EXPECT_STREQ(c.product, out.product);
+    const char *cases[][2] = {{"ATA     ", "ATA"}, {"  lead", "  lead"}, {"tab\t", "tab\t"},
+                              {"    ", ""},        {"in side ", "in side"}};
+    for (const auto &c : cases) {
+        char buffer[16] = {0};
+        std::strcpy(buffer, c[0]);
+        UTIL_TrimTrailingSpaces(buffer, sizeof(buffer));
+        EXPECT_STREQ(c[1], buffer);
     }
-    if (c.log != nullptr) {
-        EXPECT_TRUE(log.Has(c.log)) << c.log;
-    }
+    char unterminated[6] = {'a', ' ', ' ', ' ', 'X', 'X'};
+    UTIL_TrimTrailingSpaces(unterminated, 4);
+    EXPECT_EQ(0, std::memcmp("a\0\0\0XX", unterminated, 6));
+    UTIL_TrimTrailingSpaces(nullptr, 8);
+    UTIL_TrimTrailingSpaces(unterminated + 4, 0);
+    EXPECT_EQ('X', unterminated[5]);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Failures, NvmeModelSplit,
-    ::testing::Values(ModelCase{"NOHYPHEN", UDEV_RET_FAIL, nullptr, nullptr, "the model info {NOHYPHEN} is invalid.\n"},
-                      ModelCase{"", UDEV_RET_FAIL, nullptr, nullptr, "the model info {} is invalid.\n"},
-                      ModelCase{"ABCD-EFGH-X1", UDEV_RET_FAIL, nullptr, nullptr,
-                                "strncpy_s vendor{ABCD-EFGH-X1} fail.\n"},
-                      ModelCase{"ABCD-0123456789ABCDEFG", UDEV_RET_FAIL, nullptr, nullptr,
-                                "strcpy_s product{ABCD-0123456789ABCDEFG} fail.\n"}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Splits, NvmeModelSplit,
-    ::testing::Values(ModelCase{"ABCD-X1", UDEV_RET_OK, "ABCD", "X1", nullptr},
-                      ModelCase{"ABCDEFGH-0123456789ABCDEF", UDEV_RET_OK, "ABCDEFGH", "0123456789ABCDEF", nullptr},
-                      ModelCase{"A-B-C", UDEV_RET_OK, "A-B", "C", nullptr},
-                      ModelCase{"-X1", UDEV_RET_OK, "", "X1", nullptr},
-                      ModelCase{"ABCD-", UDEV_RET_OK, "ABCD", "", nullptr},
-                      ModelCase{"AB  -X1  ", UDEV_RET_OK, "AB  ", "X1  ", nullptr}));
-
-TEST(NvmeModelSplitArgs, NullModelFailsWithoutReadingIt)
+TEST(NvmeModelSplit, SplitsAtTheLastHyphen)
 {
-    LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(UDEV_RET_FAIL,
-              UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN, nullptr));
-    EXPECT_TRUE(log.Has("the model info {} is invalid.\n"));
-}
-
-TEST(NvmeModelSplitArgs, NonPositiveSizesFail)
-{
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, 0, out.product, UTIL_PRODUCT_LEN, "A-B"));
-    EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product, -1, "A-B"));
-}
-
-// ---- SCSI vendor/product ----------------------------------------------------
-
-struct ScsiQueryCase {
-    const char *name;
-    std::optional<std::string> vendor;
-    std::optional<std::string> model;
-    int result;
-    const char *expectVendor;
-    const char *expectProduct;
-    const char *log;
-};
-
-class ScsiVendorProduct : public ::testing::TestWithParam<ScsiQueryCase> {};
-
-TEST_P(ScsiVendorProduct, ReadsFitsAndTrims)
-{
-    const ScsiQueryCase &c = GetParam();
-    Testbed bed;
-    ScsiDiskSpec spec;
-    spec.vendor = c.vendor;
-    spec.model = c.model;
-    ScsiDisk disk = AddScsiDisk(bed, spec);
-    UdevDevicePtr scsi = bed.Device(disk.scsi);
-    ASSERT_TRUE(scsi);
-    LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(c.result,
-              INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
-    if (c.result == UDEV_RET_OK) {
-        EXPECT_STREQ(c.expectVendor, out.vendor);
-        EXPECT_STREQ(c.expectProduct, out.product);
+    const QueryCase cases[] = {
+        {"NOHYPHEN", UDEV_RET_FAIL, "the model info {NOHYPHEN} is invalid.\n", nullptr},
+        {"ABCD-EFGH-X1", UDEV_RET_FAIL, "strncpy_s vendor{ABCD-EFGH-X1} fail.\n", nullptr},
+        {"A-0123456789ABCDEFG", UDEV_RET_FAIL, "strcpy_s product{A-0123456789ABCDEFG} fail.\n", nullptr},
+        {"ABCD-X1", UDEV_RET_OK, "ABCD", "X1"},
+        {"ABCDEFGH-0123456789ABCDEF", UDEV_RET_OK, "ABCDEFGH", "0123456789ABCDEF"},
+        {"A-B-C", UDEV_RET_OK, "A-B", "C"},
+        {"-X1", UDEV_RET_OK, "", "X1"},
+        {"ABCD-", UDEV_RET_OK, "ABCD", ""},
+        {"AB  -X1 ", UDEV_RET_OK, "AB  ", "X1 "},  // trimming is the caller's
+    };
+    for (const QueryCase &c : cases) {
+        SCOPED_TRACE(*c.text);
+        LogCapture log;
+        Ids out;
+        ASSERT_EQ(c.ret, UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product,
+                                                            UTIL_PRODUCT_LEN, c.text->c_str()));
+        if (c.ret == UDEV_RET_OK) {
+            EXPECT_STREQ(c.vendor, out.vendor);
+            EXPECT_STREQ(c.product, out.product);
+        } else {
+            EXPECT_TRUE(log.Has(c.vendor));
+        }
     }
-    if (c.log != nullptr) {
-        EXPECT_TRUE(log.Has(c.log)) << c.log;
+    Ids out;
+    EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, 9, out.product, 17, nullptr));
+    EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, -1, out.product, 17, "A-B"));
+}
+
+TEST(ScsiVendorProduct, FitsTheBuffersThenTrims)
+{
+    const QueryCase cases[] = {
+        {std::nullopt, UDEV_RET_FAIL, "get vendor id fail.\n", nullptr},
+        {"QUILLMESH", UDEV_RET_FAIL, "sprintf_s vendor{QUILLMESH} fail.\n", nullptr},
+        {"QUILL   ", UDEV_RET_OK, "QUILL", "MESH-DISK"},
+        {"HP  CO  ", UDEV_RET_OK, "HP  CO", "MESH-DISK"},
+        {"\x01\x7f\xfe", UDEV_RET_OK, "\x01\x7f\xfe", "MESH-DISK"},
+    };
+    for (const QueryCase &c : cases) {
+        SCOPED_TRACE(c.text.value_or("(missing)"));
+        Testbed bed;
+        UdevDevicePtr scsi = bed.Device(AddScsiDisk(bed, {.vendor = c.text}).scsi);
+        LogCapture log;
+        Ids out;
+        ASSERT_EQ(c.ret, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 9, out.product, 17));
+        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.vendor, out.vendor) == 0) << out.vendor;
+        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.product, out.product) == 0) << out.product;
+        EXPECT_TRUE(c.ret == UDEV_RET_OK || log.Has(c.vendor));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Failures, ScsiVendorProduct,
-    ::testing::Values(
-        ScsiQueryCase{"NoVendor", std::nullopt, "MESH", UDEV_RET_FAIL, nullptr, nullptr, "get vendor id fail.\n"},
-        ScsiQueryCase{"NineCharVendor", "QUILLMESH", "MESH", UDEV_RET_FAIL, nullptr, nullptr,
-                      "sprintf_s vendor{QUILLMESH} fail.\n"},
-        ScsiQueryCase{"LongVendor", std::string(300, 'V'), "MESH", UDEV_RET_FAIL, nullptr, nullptr, nullptr},
-        ScsiQueryCase{"NoModel", "QUILL   ", std::nullopt, UDEV_RET_FAIL, nullptr, nullptr,
-                      "get product id fail with vendor{QUILL   }.\n"},
-        ScsiQueryCase{"SeventeenCharModel", "QUILL", "0123456789ABCDEFG", UDEV_RET_FAIL, nullptr, nullptr,
-                      "sprintf_s product{0123456789ABCDEFG} fail.\n"}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-INSTANTIATE_TEST_SUITE_P(
-    Reads, ScsiVendorProduct,
-    ::testing::Values(
-        ScsiQueryCase{"PaddedToFullWidth", "QUILL   ", "MESH-DISK       ", UDEV_RET_OK, "QUILL", "MESH-DISK", nullptr},
-        ScsiQueryCase{"EightAndSixteen", "ABCDEFGH", "0123456789ABCDEF", UDEV_RET_OK, "ABCDEFGH", "0123456789ABCDEF",
-                      nullptr},
-        ScsiQueryCase{"InnerBlanksKept", "HP  CO  ", "A B             ", UDEV_RET_OK, "HP  CO", "A B", nullptr},
-        ScsiQueryCase{"BinaryBytes", "\x01\x7f\xfe", "\xff\x80", UDEV_RET_OK, "\x01\x7f\xfe", "\xff\x80", nullptr}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-TEST(ScsiVendorProductArgs, MissingArgumentsFailWithOneMessage)
+TEST(ScsiVendorProduct, ModelMissingOrTooLongAndBadArgumentsFail)
 {
     Testbed bed;
-    UdevDevicePtr scsi = bed.Device(AddScsiDisk(bed).scsi);
-    ASSERT_TRUE(scsi);
-    VendorProduct out = Poisoned();
+    UdevDevicePtr noModel = bed.Device(AddScsiDisk(bed, {.model = std::nullopt}).scsi);
+    UdevDevicePtr longModel = bed.Device(
+        AddScsiDisk(bed, {.transport = Transport::LOCAL, .host = "host4", .target = "target4:0:0", .scsi = "4:0:0:0",
+                          .block = "sde", .model = "0123456789ABCDEFG"})
+            .scsi);
     LogCapture log;
+    Ids out;
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 9, out.product, 17));
+    EXPECT_TRUE(log.Has("get product id fail with vendor{QUILL   }.\n"));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(longModel.get(), out.vendor, 9, out.product, 17));
+    EXPECT_TRUE(log.Has("sprintf_s product{0123456789ABCDEFG} fail.\n"));
     EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(nullptr, out.vendor, 9, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), nullptr, 9, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 9, nullptr, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 0, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 9, out.product, -1));
-    EXPECT_EQ(5u, log.Count("the parameter is NULL.\n"));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), nullptr, 9, out.product, 17));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 0, out.product, 17));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 9, out.product, -1));
+    EXPECT_EQ(4u, log.Count("the parameter is NULL.\n"));
 }
 
-// ---- NVMe vendor/product ----------------------------------------------------
-
-struct NvmeQueryCase {
-    const char *name;
-    std::optional<std::string> model;
-    int result;
-    const char *expectVendor;
-    const char *expectProduct;
-    const char *log;
-};
-
-class NvmeVendorProduct : public ::testing::TestWithParam<NvmeQueryCase> {};
-
-TEST_P(NvmeVendorProduct, ReadsControllerModel)
+TEST(NvmeVendorProduct, ReadsTheControllerModel)
 {
-    const NvmeQueryCase &c = GetParam();
-    Testbed bed;
-    NvmeDiskSpec spec;
-    spec.model = c.model;
-    UdevDevicePtr ns = bed.Device(AddNvmeDisk(bed, spec).block);
-    ASSERT_TRUE(ns);
-    LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(c.result,
-              INTF_UTIL_GetNvmeVendorProduct(ns.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
-    if (c.result == UDEV_RET_OK) {
-        EXPECT_STREQ(c.expectVendor, out.vendor);
-        EXPECT_STREQ(c.expectProduct, out.product);
+    const QueryCase cases[] = {
+        {std::nullopt, UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr},
+        {"ABCD-" + std::string(36, 'P'), UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr},
+        {"ABCD-EFGH-X1", UDEV_RET_FAIL, "strncpy_s vendor{ABCD-EFGH-X1} fail.\n", nullptr},
+        {"ABCD-X1", UDEV_RET_OK, "ABCD", "X1"},
+        {"QUILL   -MESH1   ", UDEV_RET_OK, "QUILL", "MESH1"},
+    };
+    for (const QueryCase &c : cases) {
+        SCOPED_TRACE(c.text.value_or("(missing)"));
+        Testbed bed;
+        UdevDevicePtr ns = bed.Device(AddNvmeDisk(bed, {.model = c.text}));
+        LogCapture log;
+        Ids out;
+        ASSERT_EQ(c.ret, INTF_UTIL_GetNvmeVendorProduct(ns.get(), out.vendor, 9, out.product, 17));
+        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.vendor, out.vendor) == 0) << out.vendor;
+        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.product, out.product) == 0) << out.product;
+        EXPECT_TRUE(c.ret == UDEV_RET_OK || log.Has(c.vendor));
     }
-    if (c.log != nullptr) {
-        EXPECT_TRUE(log.Has(c.log)) << c.log;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Failures, NvmeVendorProduct,
-    ::testing::Values(
-        NvmeQueryCase{"NoModel", std::nullopt, UDEV_RET_FAIL, nullptr, nullptr, "sprintf_s product{model} fail.\n"},
-        NvmeQueryCase{"FortyOneChars", "ABCD-" + std::string(36, 'P'), UDEV_RET_FAIL, nullptr, nullptr,
-                      "sprintf_s product{model} fail.\n"},
-        // Forty characters fit the model buffer and fail only in the split.
-        NvmeQueryCase{"FortyChars", "ABCD-" + std::string(35, 'P'), UDEV_RET_FAIL, nullptr, nullptr,
-                      "strcpy_s product{ABCD-PPPPPPPPPPPPPPPPPPPPPPPPPPPPPPPPPPP} fail.\n"},
-        NvmeQueryCase{"VendorTooLong", "ABCD-EFGH-X1", UDEV_RET_FAIL, nullptr, nullptr,
-                      "strncpy_s vendor{ABCD-EFGH-X1} fail.\n"},
-        NvmeQueryCase{"NoHyphen", "QUILLMESH1", UDEV_RET_FAIL, nullptr, nullptr,
-                      "the model info {QUILLMESH1} is invalid.\n"}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-INSTANTIATE_TEST_SUITE_P(
-    Reads, NvmeVendorProduct,
-    ::testing::Values(NvmeQueryCase{"Plain", "ABCD-X1", UDEV_RET_OK, "ABCD", "X1", nullptr},
-                      NvmeQueryCase{"BlanksTrimmedAfterSplit", "QUILL   -MESH1   ", UDEV_RET_OK, "QUILL", "MESH1",
-                                    nullptr},
-                      NvmeQueryCase{"HyphenatedVendor", "AB-CD-MESH1", UDEV_RET_OK, "AB-CD", "MESH1", nullptr}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-TEST(NvmeVendorProductTopology, NamespaceWithoutControllerFails)
-{
     Testbed bed;
-    UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "nvme9n1", "259", "9"));
-    ASSERT_TRUE(orphan);
+    UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "nvme9n1"));
     LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(UDEV_RET_FAIL,
-              INTF_UTIL_GetNvmeVendorProduct(orphan.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
+    Ids out;
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetNvmeVendorProduct(orphan.get(), out.vendor, 9, out.product, 17));
     EXPECT_TRUE(log.Has("get device nvme device parent fail.\n"));
 }
 
-// ---- by block device --------------------------------------------------------
-
-TEST(CheckVidPidByBlkudev, OtherDeviceNamesAreSkipped)
+TEST(CheckVidPidByBlkudev, RoutesByNameAndSkipsOthers)
 {
     Testbed bed;
+    Ids out;
     for (const char *name : {"sr0", "vda", "dm-0", "loop0"}) {
         UdevDevicePtr dev = bed.Device(AddBareBlock(bed, name));
-        ASSERT_TRUE(dev) << name;
-        VendorProduct out = Poisoned();
-        EXPECT_EQ(UDEV_RET_SKIP,
-                  INTF_UTIL_CheckVidPidByBlkudev(dev.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN))
-            << name;
+        EXPECT_EQ(UDEV_RET_SKIP, INTF_UTIL_CheckVidPidByBlkudev(dev.get(), out.vendor, 9, out.product, 17)) << name;
     }
-}
-
-TEST(CheckVidPidByBlkudev, ScsiDiskWithoutScsiDeviceParentIsNotFound)
-{
-    Testbed bed;
-    UdevDevicePtr dev = bed.Device(AddBareBlock(bed, "sdq", "65", "0"));
-    ASSERT_TRUE(dev);
-    LogCapture log;
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(UDEV_RET_NOT_FOUND,
-              INTF_UTIL_CheckVidPidByBlkudev(dev.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
-    EXPECT_TRUE(log.Has("get device scsi_device parent fail.\n"));
-}
-
-TEST(CheckVidPidByBlkudev, RoutesByNamePrefix)
-{
-    Testbed bed;
+    UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "sdq"));
+    EXPECT_EQ(UDEV_RET_NOT_FOUND, INTF_UTIL_CheckVidPidByBlkudev(orphan.get(), out.vendor, 9, out.product, 17));
     UdevDevicePtr sd = bed.Device(AddScsiDisk(bed).block);
-    UdevDevicePtr nvme = bed.Device(AddNvmeDisk(bed).block);
-    ASSERT_TRUE(sd);
-    ASSERT_TRUE(nvme);
-    VendorProduct out = Poisoned();
-    EXPECT_EQ(UDEV_RET_OK,
-              INTF_UTIL_CheckVidPidByBlkudev(sd.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
-    EXPECT_STREQ("QUILL", out.vendor);
+    ASSERT_EQ(UDEV_RET_OK, INTF_UTIL_CheckVidPidByBlkudev(sd.get(), out.vendor, 9, out.product, 17));
     EXPECT_STREQ("MESH-DISK", out.product);
-    EXPECT_EQ(UDEV_RET_OK,
-              INTF_UTIL_CheckVidPidByBlkudev(nvme.get(), out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN));
-    EXPECT_STREQ("QUILL", out.vendor);
+    UdevDevicePtr nvme = bed.Device(AddNvmeDisk(bed));
+    ASSERT_EQ(UDEV_RET_OK, INTF_UTIL_CheckVidPidByBlkudev(nvme.get(), out.vendor, 9, out.product, 17));
     EXPECT_STREQ("MESH1", out.product);
 }
 
-// ---- enumeration ------------------------------------------------------------
+int g_calls = 0;
+int g_failAt = 0;  // 1-based call whose callback fails; 0: none
+int g_okResult = UDEV_RET_OK;
 
-struct WalkState {
-    std::vector<std::string> seen;
-    int failAt = -1;  // index of the device whose callback fails
-    int skipAll = 0;
-};
-
-int RecordingCallback(struct udev_device *dev, void *ctx)
+int CountingCallback(struct udev_device *, void *)
 {
-    auto *state = static_cast<WalkState *>(ctx);
-    state->seen.emplace_back(udev_device_get_sysname(dev));
-    if (static_cast<int>(state->seen.size()) - 1 == state->failAt) {
-        return UDEV_RET_FAIL;
-    }
-    return state->skipAll ? UDEV_RET_SKIP : UDEV_RET_OK;
+    return (++g_calls == g_failAt) ? UDEV_RET_FAIL : g_okResult;
 }
 
-void AddThreeNvmeControllers(Testbed &bed)
+TEST(TraverseSubsysUdev, StopsOnlyOnAFailingCallback)
 {
+    Testbed bed;
     for (const char *name : {"nvme0", "nvme1", "nvme2"}) {
         bed.Add("nvme", name, "");
     }
-}
-
-TEST(TraverseSubsysUdev, MissingArgumentsAreInvalid)
-{
-    Testbed bed;
     UdevPtr udev(udev_new());
-    WalkState state;
     LogCapture log;
-    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(nullptr, "nvme", &state, RecordingCallback));
-    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(udev.get(), nullptr, &state, RecordingCallback));
-    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(udev.get(), "nvme", &state, nullptr));
+    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(nullptr, "nvme", nullptr, CountingCallback));
+    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(udev.get(), nullptr, nullptr, CountingCallback));
+    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_TraverseSubsysUdev(udev.get(), "nvme", nullptr, nullptr));
     EXPECT_EQ(3u, log.Count("invalid parameter.\n"));
-    EXPECT_TRUE(state.seen.empty());
-}
-
-TEST(TraverseSubsysUdev, FailingCallbackStopsTheWalkAndIsReturned)
-{
-    Testbed bed;
-    AddThreeNvmeControllers(bed);
-    UdevPtr udev(udev_new());
-    WalkState state;
-    state.failAt = 1;
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_TraverseSubsysUdev(udev.get(), "nvme", &state, RecordingCallback));
-    EXPECT_EQ(2u, state.seen.size());
-}
-
-TEST(TraverseSubsysUdev, SkipAndOkVisitEveryDevice)
-{
-    Testbed bed;
-    AddThreeNvmeControllers(bed);
-    bed.Add("block", "sda", "");
-    UdevPtr udev(udev_new());
-    for (int skip : {0, 1}) {
-        WalkState state;
-        state.skipAll = skip;
-        EXPECT_EQ(UDEV_RET_OK, INTF_UTIL_TraverseSubsysUdev(udev.get(), "nvme", &state, RecordingCallback));
-        EXPECT_EQ((std::vector<std::string>{"nvme0", "nvme1", "nvme2"}), state.seen);
+    const struct {
+        int failAt, okResult, ret, calls;
+    } cases[] = {{2, UDEV_RET_OK, UDEV_RET_FAIL, 2}, {0, UDEV_RET_SKIP, UDEV_RET_OK, 3}, {0, UDEV_RET_OK, UDEV_RET_OK, 3}};
+    for (const auto &c : cases) {
+        g_calls = 0;
+        g_failAt = c.failAt;
+        g_okResult = c.okResult;
+        EXPECT_EQ(c.ret, INTF_UTIL_TraverseSubsysUdev(udev.get(), "nvme", nullptr, CountingCallback));
+        EXPECT_EQ(c.calls, g_calls);
     }
 }
 
-TEST(TraverseSubsysUdev, EmptySubsystemIsOk)
-{
-    Testbed bed;
-    UdevPtr udev(udev_new());
-    WalkState state;
-    EXPECT_EQ(UDEV_RET_OK, INTF_UTIL_TraverseSubsysUdev(udev.get(), "no_such_subsystem", &state, RecordingCallback));
-    EXPECT_TRUE(state.seen.empty());
-}
+Testbed *g_bed = nullptr;
+std::vector<std::pair<std::string, bool>> g_visits;  // path, had a device
 
-// For-each callbacks carry no context of their own.
-struct ForEachState {
-    Testbed *bed = nullptr;
-    std::string removeOnFirst;
-    std::vector<std::pair<std::string, bool>> calls;  // path, had a device
-};
-ForEachState g_forEach;
-
-void ForEachCallback(const char *devPath, struct udev_device *dev)
+void RemovingCallback(const char *devPath, struct udev_device *dev)
 {
-    g_forEach.calls.emplace_back(devPath, dev != nullptr);
-    if (g_forEach.calls.size() == 1 && !g_forEach.removeOnFirst.empty()) {
-        g_forEach.bed->Remove(g_forEach.removeOnFirst);
+    g_visits.emplace_back(devPath, dev != nullptr);
+    if (g_visits.size() == 1) {
+        g_bed->Remove("/sys/devices/nvme1");  // vanishes between enumeration and lookup
     }
 }
 
-TEST(UdevGetDevice, MissingArgumentsAreInvalid)
-{
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice(nullptr, ForEachCallback));
-    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice("block", nullptr));
-    EXPECT_EQ(2u, log.Count("invalid parameter.\n"));
-}
-
-TEST(UdevGetDevice, VanishedDeviceStillReachesTheCallbackWithNull)
+TEST(UdevGetDevice, VanishedDeviceReachesTheCallbackWithNull)
 {
     Testbed bed;
-    AddThreeNvmeControllers(bed);
-    g_forEach = ForEachState{&bed, "/sys/devices/nvme1", {}};
+    for (const char *name : {"nvme0", "nvme1", "nvme2"}) {
+        bed.Add("nvme", name, "");
+    }
+    g_bed = &bed;
     LogCapture log;
-    EXPECT_EQ(UDEV_RET_OK, INTF_UTIL_UdevGetDevice("nvme", ForEachCallback));
-    ASSERT_EQ(3u, g_forEach.calls.size());
-    EXPECT_TRUE(g_forEach.calls[0].second);
-    EXPECT_EQ("/sys/devices/nvme1", g_forEach.calls[1].first);
-    EXPECT_FALSE(g_forEach.calls[1].second);
-    EXPECT_TRUE(g_forEach.calls[2].second);
+    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice(nullptr, RemovingCallback));
+    EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice("nvme", nullptr));
+    EXPECT_EQ(UDEV_RET_OK, INTF_UTIL_UdevGetDevice("nvme", RemovingCallback));
+    const decltype(g_visits) expected = {
+        {"/sys/devices/nvme0", true}, {"/sys/devices/nvme1", false}, {"/sys/devices/nvme2", true}};
+    EXPECT_EQ(expected, g_visits);
     EXPECT_TRUE(log.Has("get device failed devPath:/sys/devices/nvme1.\n"));
-    g_forEach = ForEachState{};
 }
 
 }  // namespace

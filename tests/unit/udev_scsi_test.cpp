@@ -1,9 +1,8 @@
-// SCSI protocol handling: the SCSI parent, vendor check, host:channel:
-// target:lun, the FC or iSCSI transport, the devInfo text and the WWN.
+// SCSI protocol handling: SCSI parent, vendor check, host:channel:target:lun,
+// FC or iSCSI transport, the devInfo text and the WWN.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "support/udev_testbed.h"
 #include "udev_scsi.h"
@@ -13,263 +12,149 @@ using namespace qmtest;
 
 namespace {
 
-const std::string SUPPORTED = VendorRule("QUILL", "MESH-DISK");
-
-// A node as enrichment hands it over: devNum set, devInfo holding the
-// device number and the protocol word.
-NodeHolder ScsiNode(Testbed &bed, const ScsiDisk &disk)
+// As enrichment hands the node over: device number and protocol word.
+NodeHolder Node(Testbed &bed, const ScsiDiskSpec &spec = {})
 {
-    NodeHolder holder(bed.Device(disk.block));
-    std::strcpy(holder.node.devNum, "8:32");
-    std::strcpy(holder.node.devInfo, "8:32 scsi ");
-    return holder;
+    return NodeHolder(bed.Device(AddScsiDisk(bed, spec).block), "8:32", "8:32 scsi ");
 }
 
-// ---- failures ---------------------------------------------------------------
-
-TEST(ScsiAddFailures, BlockDeviceWithoutScsiParent)
-{
-    Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder(bed.Device(AddBareBlock(bed, "sdz", "65", "160")));
-    ASSERT_TRUE(holder.dev);
-    std::strcpy(holder.node.devNum, "65:160");
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
-    EXPECT_TRUE(log.Has("get device{65:160} scsi parent fail.\n"));
-    EXPECT_STREQ("", holder.node.action);
-}
-
-struct VendorFailCase {
-    const char *name;
-    std::optional<std::string> vendor;
-    std::optional<std::string> model;
-    const char *log;
+// One testbed at a time: umockdev shows the process only the newest.
+class ScsiTest : public ::testing::Test {
+protected:
+    VendorList vendors_{{"QUILL", "MESH-DISK"}};
 };
 
-class ScsiVendorFailures : public ::testing::TestWithParam<VendorFailCase> {};
-
-TEST_P(ScsiVendorFailures, DropTheAddBeforeAnyNumberIsWritten)
+TEST_F(ScsiTest, RefusedDisksDropTheAddBeforeAnyNumberIsWritten)
 {
-    const VendorFailCase &c = GetParam();
-    Testbed bed;
-    VendorList vendors(SUPPORTED);
-    ScsiDiskSpec spec;
-    spec.vendor = c.vendor;
-    spec.model = c.model;
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed, spec));
-    ASSERT_TRUE(holder.dev);
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
-    EXPECT_TRUE(log.Has(c.log)) << c.log;
-    EXPECT_STREQ("8:32 scsi ", holder.node.devInfo);
-    EXPECT_EQ(-1, holder.node.host);
-    EXPECT_STREQ("", holder.node.action);
+    const struct {
+        ScsiDiskSpec spec;
+        std::string log;
+    } cases[] = {
+        {{.vendor = "OTHER   "}, "check the vendor{OTHER} product{MESH-DISK} is not support.\n"},
+        {{.vendor = "quill   "}, "check the vendor{quill} product{MESH-DISK} is not support.\n"},
+        {{.vendor = "QUILLMESH"}, "sprintf_s vendor{QUILLMESH} fail.\n"},
+        {{.vendor = std::string(300, 'V')}, "sprintf_s vendor{" + std::string(300, 'V') + "} fail.\n"},
+        {{.model = std::nullopt}, "get product id fail with vendor{QUILL   }.\n"},
+    };
+    for (const auto &c : cases) {
+        Testbed bed;
+        NodeHolder holder = Node(bed, c.spec);
+        LogCapture log;
+        EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
+        EXPECT_TRUE(log.Has(c.log)) << c.log;
+        EXPECT_STREQ("8:32 scsi ", holder.node.devInfo);
+        EXPECT_EQ(-1, holder.node.host);
+        EXPECT_STREQ("", holder.node.action);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Vendors, ScsiVendorFailures,
-    ::testing::Values(
-        VendorFailCase{"NotOnList", "OTHER   ", "MESH-DISK       ", "check the vendor{OTHER} product{MESH-DISK} is not support.\n"},
-        VendorFailCase{"CaseDiffers", "quill   ", "MESH-DISK       ", "check the vendor{quill} product{MESH-DISK} is not support.\n"},
-        VendorFailCase{"NineCharVendor", "QUILLMESH", "MESH-DISK", "sprintf_s vendor{QUILLMESH} fail.\n"},
-        VendorFailCase{"MissingVendor", std::nullopt, "MESH-DISK", "get vendor id fail.\n"},
-        VendorFailCase{"MissingModel", "QUILL   ", std::nullopt, "get product id fail with vendor{QUILL   }.\n"}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-TEST(ScsiAddFailures, ScsiNameThatIsNotFourNumbers)
+TEST_F(ScsiTest, DiskWithoutScsiParentOrWithBadScsiNameFails)
 {
-    VendorList vendors(SUPPORTED);
-    for (const char *name : {"2:0:1", "2:0:1:x", "a:b:c:d", "host2"}) {
-        Testbed local;
-        ScsiDiskSpec spec;
-        spec.scsiName = name;
-        NodeHolder holder = ScsiNode(local, AddScsiDisk(local, spec));
-        ASSERT_TRUE(holder.dev) << name;
-        LogCapture log;
+    LogCapture log;
+    {
+        Testbed bed;
+        NodeHolder orphan(bed.Device(AddBareBlock(bed, "sdz")), "65:160");
+        EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(orphan.dev.get(), &orphan.node));
+        EXPECT_TRUE(log.Has("get device{65:160} scsi parent fail.\n"));
+    }
+    for (const char *name : {"2:0:1", "2:0:1:x", "a:b:c:d", "host9"}) {
+        Testbed bed;
+        NodeHolder holder = Node(bed, {.scsi = name});
         EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node)) << name;
         EXPECT_TRUE(log.Has("device{8:32} path{" + std::string(name) + "} analysis h:c:t:l fail.\n")) << name;
     }
 }
 
-TEST(ScsiAddFailures, DevInfoTooFullForVendorAndProduct)
+TEST_F(ScsiTest, FullDevInfoFailsEitherAppend)
 {
     Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed));
-    // "QUILL MESH-DISK " needs 16 characters and the terminator.
-    std::string filler(UDEV_DEVINFO_LEN - 16, 'x');
-    std::strcpy(holder.node.devInfo, filler.c_str());
+    NodeHolder holder = Node(bed);
+    // "QUILL MESH-DISK " needs 17 bytes, then "2:0:1:3" needs 8.
+    const std::string noRoomForIds(UDEV_DEVINFO_LEN - 16, 'x');
+    const std::string noRoomForHctl(UDEV_DEVINFO_LEN - 16 - 7, 'x');
+    std::strcpy(holder.node.devInfo, noRoomForIds.c_str());
     LogCapture log;
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
     EXPECT_TRUE(log.Has("sprintf_s vendor and product to devinfo for scsidev fail.\n"));
-    EXPECT_EQ(filler, holder.node.devInfo);
-}
-
-TEST(ScsiAddFailures, DevInfoTooFullForHctl)
-{
-    Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed));
-    // Vendor and product fit; "2:0:1:3" then finds 6 bytes left.
-    std::string filler(UDEV_DEVINFO_LEN - 16 - 6, 'x');
-    std::strcpy(holder.node.devInfo, filler.c_str());
-    LogCapture log;
+    std::strcpy(holder.node.devInfo, noRoomForHctl.c_str());
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
     EXPECT_TRUE(log.Has("sprintf_s HCTL to devinfo failed for scsi{2:0:1:3}.\n"));
-    EXPECT_EQ(filler + "QUILL MESH-DISK ", holder.node.devInfo);
-    EXPECT_EQ(3, holder.node.lun);  // fields already written stay
+    EXPECT_EQ(noRoomForHctl + "QUILL MESH-DISK ", holder.node.devInfo);
 }
 
-// ---- addresses and transports -----------------------------------------------
-
-struct TopologyCase {
-    const char *name;
-    ScsiDiskSpec spec;
-    const char *devInfo;
-    int host, channel, target, lun;
-    int transportType, transportId;
-};
-
-ScsiDiskSpec Iscsi()
+TEST_F(ScsiTest, AddressAndTransportOfEachTopology)
 {
-    ScsiDiskSpec spec;
-    spec.transport = Transport::ISCSI;
-    spec.hostName = "host3";
-    spec.portName = "session5";
-    spec.targetName = "target3:0:0";
-    spec.scsiName = "3:0:0:1";
-    spec.blockName = "sdd";
-    return spec;
+    const struct {
+        ScsiDiskSpec spec;
+        const char *hctl;
+        int host, channel, target, lun, transportType, transportId;
+    } cases[] = {
+        {{}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_FCP, 7},
+        {IscsiSpec(), "3:0:0:1", 3, 0, 0, 1, UDEV_TRANSPORT_ISCSI, 5},
+        {LocalSpec(), "0:0:0:0", 0, 0, 0, 0, UDEV_TRANSPORT_UNKNOWN, -1},
+        {{.scsi = "0x2:010:1:0x10"}, "2:8:1:16", 2, 8, 1, 16, UDEV_TRANSPORT_FCP, 7},
+        {{.port = "rport-12:3-456"}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_FCP, 456},
+        {{.port = "rport-2:0"}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_UNKNOWN, -1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.spec.port + " " + c.spec.scsi);
+        Testbed bed;
+        NodeHolder holder = Node(bed, c.spec);
+        std::strcpy(holder.node.action, "XXXXXXXX");
+        LogCapture log;
+        ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
+        EXPECT_EQ(std::string("8:32 scsi QUILL MESH-DISK ") + c.hctl, holder.node.devInfo);
+        EXPECT_EQ(c.host, holder.node.host);
+        EXPECT_EQ(c.channel, holder.node.channel);
+        EXPECT_EQ(c.target, holder.node.target);
+        EXPECT_EQ(c.lun, holder.node.lun);
+        EXPECT_EQ(c.transportType, holder.node.transportType);
+        EXPECT_EQ(c.transportId, holder.node.transportId);
+        EXPECT_STREQ("addXXXXX", holder.node.action);  // three bytes only
+        EXPECT_EQ(c.transportType == UDEV_TRANSPORT_UNKNOWN, !log.Contains("rport") && !log.Contains("session{"));
+    }
 }
 
-ScsiDiskSpec Local()
-{
-    ScsiDiskSpec spec;
-    spec.transport = Transport::LOCAL;
-    spec.hostName = "host0";
-    spec.targetName = "target0:0:0";
-    spec.scsiName = "0:0:0:0";
-    spec.blockName = "sda";
-    return spec;
-}
-
-ScsiDiskSpec FcNamed(const char *rport, const char *scsiName)
-{
-    ScsiDiskSpec spec;
-    spec.portName = rport;
-    spec.scsiName = scsiName;
-    return spec;
-}
-
-class ScsiTopology : public ::testing::TestWithParam<TopologyCase> {};
-
-TEST_P(ScsiTopology, FillsAddressTransportAndDevInfo)
-{
-    const TopologyCase &c = GetParam();
-    Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed, c.spec));
-    ASSERT_TRUE(holder.dev);
-    LogCapture log;
-    ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
-    EXPECT_STREQ(c.devInfo, holder.node.devInfo);
-    EXPECT_EQ(c.host, holder.node.host);
-    EXPECT_EQ(c.channel, holder.node.channel);
-    EXPECT_EQ(c.target, holder.node.target);
-    EXPECT_EQ(c.lun, holder.node.lun);
-    EXPECT_EQ(c.transportType, holder.node.transportType);
-    EXPECT_EQ(c.transportId, holder.node.transportId);
-    EXPECT_STREQ("add", holder.node.action);
-    EXPECT_FALSE(log.Contains("scsi target fail"));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Disks, ScsiTopology,
-    ::testing::Values(
-        TopologyCase{"FcRemotePort", ScsiDiskSpec{}, "8:32 scsi QUILL MESH-DISK 2:0:1:3", 2, 0, 1, 3, 0, 7},
-        TopologyCase{"IscsiSession", Iscsi(), "8:32 scsi QUILL MESH-DISK 3:0:0:1", 3, 0, 0, 1, 5, 5},
-        TopologyCase{"LocalDisk", Local(), "8:32 scsi QUILL MESH-DISK 0:0:0:0", 0, 0, 0, 0, 15, -1},
-        TopologyCase{"HexAndOctalNumbers", FcNamed("rport-2:0-7", "0x2:010:1:0x10"),
-                     "8:32 scsi QUILL MESH-DISK 2:8:1:16", 2, 8, 1, 16, 0, 7},
-        TopologyCase{"PortNumberIsTheThirdField", FcNamed("rport-12:3-456", "12:3:0:9"),
-                     "8:32 scsi QUILL MESH-DISK 12:3:0:9", 12, 3, 0, 9, 0, 456},
-        TopologyCase{"UnparsablePortIsNoTransport", FcNamed("rport-2:0", "2:0:1:3"),
-                     "8:32 scsi QUILL MESH-DISK 2:0:1:3", 2, 0, 1, 3, 15, -1}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-TEST(ScsiTransport, LocalDiskLogsNothingAboutItsTransport)
+TEST_F(ScsiTest, TransportsAreLoggedWhenFound)
 {
     Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed, Local()));
-    LogCapture log;
-    ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
-    EXPECT_FALSE(log.Contains("session"));
-    EXPECT_FALSE(log.Contains("rport"));
-}
-
-TEST(ScsiTransport, FoundTransportsAreLogged)
-{
-    Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder fc = ScsiNode(bed, AddScsiDisk(bed));
-    NodeHolder iscsi = ScsiNode(bed, AddScsiDisk(bed, Iscsi()));
+    NodeHolder fc = Node(bed);
+    NodeHolder iscsi = Node(bed, IscsiSpec());
     LogCapture log;
     ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(fc.dev.get(), &fc.node));
     ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(iscsi.dev.get(), &iscsi.node));
+    EXPECT_TRUE(log.Has("get device{8:32} h:c:t:l{2:0:1:3}.\n"));
     EXPECT_TRUE(log.Has("SCSI target 2:0:1 -> FC rport 2:0-7.\n"));
     EXPECT_TRUE(log.Has("SCSI target session{5} in tgt name{session5}.\n"));
-    EXPECT_TRUE(log.Has("get device{8:32} h:c:t:l{2:0:1:3}.\n"));
 }
 
-TEST(ScsiTransport, MissingTargetLeavesTransportUntouched)
+TEST_F(ScsiTest, DiskWithoutTargetKeepsItsTransportFields)
 {
     Testbed bed;
-    ScsiDisk disk = AddScsiDisk(bed);
-    // A block device hung straight under the SCSI host has no scsi_target.
-    NodeHolder holder(bed.Device(bed.Add("block", "sdy", bed.Dir(disk.host, "block"), {},
-                                         {{"DEVTYPE", "disk"}, {"MAJOR", "65"}, {"MINOR", "128"}})));
-    ASSERT_TRUE(holder.dev);
-    std::strcpy(holder.node.devNum, "65:128");
+    std::string host = bed.Add("scsi_host", "host9", "");
+    NodeHolder holder(bed.Device(bed.Add("block", "sdy", bed.Dir(host, "block"), {},
+                                           {{"DEVTYPE", "disk"}, {"MAJOR", "65"}, {"MINOR", "128"}})),
+                      "65:128");
     holder.node.transportId = 42;
     LogCapture log;
     UDEV_ScsiInitEventNodeTgtInfo(holder.dev.get(), &holder.node);
     EXPECT_TRUE(log.Has("get device{65:128} scsi target fail.\n"));
-    EXPECT_EQ(15, holder.node.transportType);
+    EXPECT_EQ(UDEV_TRANSPORT_UNKNOWN, holder.node.transportType);
     EXPECT_EQ(42, holder.node.transportId);
 }
 
-TEST(ScsiAction, OnlyTheFirstThreeBytesAreWritten)
+TEST_F(ScsiTest, WwnIsThePropertyAsItStands)
 {
+    {
+        Testbed bed;
+        NodeHolder plain = Node(bed, {.wwn = "0X6000C29A-odd text "});
+        EXPECT_STREQ("0X6000C29A-odd text ", UDEV_ScsiGetWwnByDevice(plain.dev.get()));
+    }
     Testbed bed;
-    VendorList vendors(SUPPORTED);
-    NodeHolder holder = ScsiNode(bed, AddScsiDisk(bed));
-    std::strcpy(holder.node.action, "XXXXXXXX");
-    ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
-    EXPECT_STREQ("addXXXXX", holder.node.action);
-}
-
-// ---- WWN --------------------------------------------------------------------
-
-TEST(ScsiWwn, MissingPropertyIsNullAndLogged)
-{
-    Testbed bed;
-    ScsiDiskSpec spec;
-    spec.wwn.reset();
-    UdevDevicePtr dev = bed.Device(AddScsiDisk(bed, spec).block);
+    NodeHolder none = Node(bed, {.wwn = std::nullopt});
     LogCapture log;
-    EXPECT_EQ(nullptr, UDEV_ScsiGetWwnByDevice(dev.get()));
+    EXPECT_EQ(nullptr, UDEV_ScsiGetWwnByDevice(none.dev.get()));
     EXPECT_TRUE(log.Has("get the wwn of udev device failed.\n"));
-}
-
-TEST(ScsiWwn, PropertyIsReturnedAsItStands)
-{
-    Testbed bed;
-    ScsiDiskSpec spec;
-    spec.wwn = "0X6000C29A-odd text ";
-    UdevDevicePtr dev = bed.Device(AddScsiDisk(bed, spec).block);
-    EXPECT_STREQ("0X6000C29A-odd text ", UDEV_ScsiGetWwnByDevice(dev.get()));
 }
 
 }  // namespace

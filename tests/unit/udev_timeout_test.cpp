@@ -1,9 +1,8 @@
 // Transport time-outs: FC remote port, iSCSI session and SCSI device
-// attributes written from the settings, only when they differ.
+// attributes set from the settings, written only when they differ.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "support/udev_testbed.h"
 #include "udev_protocol.h"
@@ -14,155 +13,102 @@ using namespace qmtest;
 
 namespace {
 
-// The node that the SCSI enrichment makes for the default FC disk.
-NodeHolder FcNode(int transportId = 7)
+// The node that SCSI enrichment makes for the default FC disk 2:0:1:3.
+NodeHolder Node(int transportType = UDEV_TRANSPORT_FCP, int transportId = 7)
 {
-    NodeHolder holder;
-    std::strcpy(holder.node.devNum, "8:32");
+    NodeHolder holder(nullptr, "8:32");
     holder.node.host = 2;
     holder.node.channel = 0;
     holder.node.target = 1;
     holder.node.lun = 3;
-    holder.node.transportType = UDEV_TRANSPORT_FCP;
+    holder.node.transportType = transportType;
     holder.node.transportId = transportId;
-    return holder;
-}
-
-ScsiDiskSpec IscsiSpec()
-{
-    ScsiDiskSpec spec;
-    spec.transport = Transport::ISCSI;
-    spec.portName = "session5";
-    return spec;
-}
-
-NodeHolder IscsiNode(int session = 5)
-{
-    NodeHolder holder = FcNode(session);
-    holder.node.transportType = UDEV_TRANSPORT_ISCSI;
     return holder;
 }
 
 class TimeoutTest : public ::testing::Test {
 protected:
+    void SetUp() override { ASSERT_TRUE(UDEV_ProtocolInitHandle()); }
+    void TearDown() override { UDEV_ProtocolReleaseHandle(); }
+
     Testbed bed_;
-    ProtocolHandle handle_;
 };
 
-// ---- one attribute ---------------------------------------------------------------
-
-class AttrVal : public TimeoutTest {
-protected:
-    std::string Device(const Attrs &attrs)
-    {
-        return bed_.Add("scsi", "9:0:0:0", "", attrs);
-    }
-};
-
-TEST_F(AttrVal, MissingAttributeFails)
+TEST_F(TimeoutTest, AttributeThatCannotBeReadOrWrittenFails)
 {
-    UdevDevicePtr dev = bed_.Device(Device({}));
+    std::string dev = bed_.Add("scsi", "9:0:0:0", "", {{"timeout", "60"}});
+    UdevDevicePtr udevDev = bed_.Device(dev);
     LogCapture log;
-    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(dev.get(), "timeout", "30"));
-    EXPECT_TRUE(log.Has("get udev device's attr{timeout} to val{30} fail.\n"));
-}
-
-TEST_F(AttrVal, RefusedWriteFailsWithTheErrorNumber)
-{
-    std::string path = Device({{"timeout", "60"}});
-    ReadOnlyAttr readOnly(bed_, path, "timeout");
-    UdevDevicePtr dev = bed_.Device(path);
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(dev.get(), "timeout", "30"));
+    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "missing", "30"));
+    EXPECT_TRUE(log.Has("get udev device's attr{missing} to val{30} fail.\n"));
+    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "timeout", std::string(32, '1').c_str()));
+    EXPECT_TRUE(log.Has("sprintf_s value{" + std::string(32, '1') + "} fail.\n"));
+    ReadOnlyAttr readOnly(bed_, dev, "timeout");
+    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "timeout", "30"));
     EXPECT_TRUE(log.Has("set udev device's attr{timeout} val{60 to 30} fail. error{13}\n"));
-    EXPECT_EQ("60", bed_.FirstLine(path, "timeout"));
+    EXPECT_EQ("60", bed_.FirstLine(dev, "timeout"));
 }
 
-TEST_F(AttrVal, OverLongWantedValueFails)
+TEST_F(TimeoutTest, AttributeIsWrittenOnlyWhenItsTextDiffers)
 {
-    std::string path = Device({{"timeout", "60"}});
-    UdevDevicePtr dev = bed_.Device(path);
-    std::string wanted(32, '1');
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(dev.get(), "timeout", wanted.c_str()));
-    EXPECT_TRUE(log.Has("sprintf_s value{" + wanted + "} fail.\n"));
-    EXPECT_EQ("60", bed_.FirstLine(path, "timeout"));
+    const struct {
+        std::string current;
+        const char *wanted;
+        std::string log;
+    } cases[] = {
+        {"30", "30", "get udev device's attr{timeout} also is val{30}.\n"},
+        {"60", "30", "set udev device's attr{timeout} val{60 to 30} success.\n"},
+        {"05", "5", "set udev device's attr{timeout} val{05 to 5} success.\n"},
+        {"30 ", "30", "set udev device's attr{timeout} val{30  to 30} success.\n"},
+        {std::string(31, '8'), "5", "set udev device's attr{timeout} val{" + std::string(31, '8') + " to 5} success.\n"},
+        {std::string(32, '8'), "5", "sprintf_s value{" + std::string(32, '8') + "}.\n"},
+        {std::string(40, '8'), "5", "set udev device's attr{timeout} val{ to 5} success.\n"},
+    };
+    int index = 0;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.log);
+        std::string dev = bed_.Add("scsi", "9:0:0:" + std::to_string(index++), "", {{"timeout", c.current}});
+        UdevDevicePtr udevDev = bed_.Device(dev);
+        // Equal texts must not even try: the attribute refuses writes then.
+        std::optional<ReadOnlyAttr> readOnly;
+        if (c.current == c.wanted) {
+            readOnly.emplace(bed_, dev, "timeout");
+        }
+        LogCapture log;
+        EXPECT_EQ(UDEV_RET_OK, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "timeout", c.wanted));
+        EXPECT_EQ(c.wanted, bed_.FirstLine(dev, "timeout"));
+        EXPECT_TRUE(log.Has(c.log));
+    }
 }
 
-TEST_F(AttrVal, EqualValueIsNotWritten)
+TEST_F(TimeoutTest, FcPortGetsDevLossThenFastIoFail)
 {
-    std::string path = Device({{"timeout", "30"}});
-    // Unwritable: any attempt to write would fail the call.
-    ReadOnlyAttr readOnly(bed_, path, "timeout");
-    UdevDevicePtr dev = bed_.Device(path);
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_OK, UDEV_SetUdevDeviceAttrVal(dev.get(), "timeout", "30"));
-    EXPECT_TRUE(log.Has("get udev device's attr{timeout} also is val{30}.\n"));
-}
-
-struct WriteCase {
-    const char *name;
-    std::string current;
-    const char *wanted;
-    std::string log;
-};
-
-class AttrValWrites : public AttrVal, public ::testing::WithParamInterface<WriteCase> {};
-
-TEST_P(AttrValWrites, DifferentTextIsWritten)
-{
-    const WriteCase &c = GetParam();
-    std::string path = Device({{"timeout", c.current}});
-    UdevDevicePtr dev = bed_.Device(path);
-    LogCapture log;
-    EXPECT_EQ(UDEV_RET_OK, UDEV_SetUdevDeviceAttrVal(dev.get(), "timeout", c.wanted));
-    EXPECT_EQ(c.wanted, bed_.FirstLine(path, "timeout"));
-    EXPECT_TRUE(log.Has(c.log)) << c.log;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Values, AttrValWrites,
-    ::testing::Values(
-        WriteCase{"Plain", "60", "30", "set udev device's attr{timeout} val{60 to 30} success.\n"},
-        WriteCase{"TextualCompare", "05", "5", "set udev device's attr{timeout} val{05 to 5} success.\n"},
-        WriteCase{"TrailingBlank", "30 ", "30", "set udev device's attr{timeout} val{30  to 30} success.\n"},
-        WriteCase{"LongCurrentValue", std::string(40, '8'), "5",
-                  "set udev device's attr{timeout} val{ to 5} success.\n"},
-        WriteCase{"ThirtyTwoCharCurrent", std::string(32, '8'), "5",
-                  "sprintf_s value{" + std::string(32, '8') + "}.\n"},
-        WriteCase{"ThirtyOneCharCurrent", std::string(31, '8'), "5",
-                  "set udev device's attr{timeout} val{" + std::string(31, '8') + " to 5} success.\n"}),
-    [](const auto &info) { return std::string(info.param.name); });
-
-// ---- FC remote port ------------------------------------------------------------------
-
-TEST_F(TimeoutTest, MissingRemotePortIsLogged)
-{
-    AddScsiDisk(bed_);
-    NodeHolder holder = FcNode(9);
-    LogCapture log;
+    TimeoutSettings settings("dev_loss_tmo = 30\nfast_io_fail_tmo=12;\n");
+    ScsiDisk disk = AddScsiDisk(bed_, {.portAttrs = {{"dev_loss_tmo", "60"}, {"fast_io_fail_tmo", "25"}}});
+    NodeHolder holder = Node();
     UDEV_SetHbaTimeOut(&holder.node);
-    EXPECT_TRUE(log.Has("device{8:32} port{rport-2:0-9} get udev device fail.\n"));
+    EXPECT_EQ("30", bed_.FirstLine(disk.portClass, "dev_loss_tmo"));
+    EXPECT_EQ("12", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
+    EXPECT_EQ("60", bed_.FirstLine(disk.scsi, "timeout"));  // not the HBA step's
 }
 
 TEST_F(TimeoutTest, FailedDevLossSkipsFastIoFail)
 {
     ScsiDisk disk = AddScsiDisk(bed_);
     ReadOnlyAttr readOnly(bed_, disk.portClass, "dev_loss_tmo");
-    NodeHolder holder = FcNode();
+    NodeHolder holder = Node();
     LogCapture log;
     UDEV_SetHbaTimeOut(&holder.node);
     EXPECT_EQ(1u, log.Count("device{8:32} set rport{rport-2:0-7} dev_loss_tmo fail.\n"));
-    EXPECT_EQ("30", bed_.FirstLine(disk.portClass, "dev_loss_tmo"));
-    EXPECT_EQ("25", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
     EXPECT_FALSE(log.Contains("fast_io_fail_tmo"));
+    EXPECT_EQ("25", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
 }
 
-TEST_F(TimeoutTest, FailedFastIoFailIsReportedUnderDevLossName)
+TEST_F(TimeoutTest, FailedFastIoFailIsReportedUnderTheDevLossText)
 {
     ScsiDisk disk = AddScsiDisk(bed_);
     ReadOnlyAttr readOnly(bed_, disk.portClass, "fast_io_fail_tmo");
-    NodeHolder holder = FcNode();
+    NodeHolder holder = Node();
     LogCapture log;
     UDEV_SetHbaTimeOut(&holder.node);
     EXPECT_EQ("5", bed_.FirstLine(disk.portClass, "dev_loss_tmo"));
@@ -170,108 +116,55 @@ TEST_F(TimeoutTest, FailedFastIoFailIsReportedUnderDevLossName)
     EXPECT_EQ(1u, log.Count("device{8:32} set rport{rport-2:0-7} dev_loss_tmo fail.\n"));
 }
 
-TEST_F(TimeoutTest, MissingDevLossAttributeSkipsFastIoFail)
-{
-    ScsiDiskSpec spec;
-    spec.portAttrs = {{"fast_io_fail_tmo", "25"}};
-    ScsiDisk disk = AddScsiDisk(bed_, spec);
-    NodeHolder holder = FcNode();
-    LogCapture log;
-    UDEV_SetHbaTimeOut(&holder.node);
-    EXPECT_TRUE(log.Has("get udev device's attr{dev_loss_tmo} to val{5} fail.\n"));
-    EXPECT_EQ("25", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
-}
-
 TEST_F(TimeoutTest, DevLossAlreadySetStillHandlesFastIoFail)
 {
-    ScsiDiskSpec spec;
-    spec.portAttrs = {{"dev_loss_tmo", "5"}, {"fast_io_fail_tmo", "25"}};
-    ScsiDisk disk = AddScsiDisk(bed_, spec);
+    ScsiDisk disk = AddScsiDisk(bed_, {.portAttrs = {{"dev_loss_tmo", "5"}, {"fast_io_fail_tmo", "25"}}});
     ReadOnlyAttr readOnly(bed_, disk.portClass, "dev_loss_tmo");
-    NodeHolder holder = FcNode();
+    NodeHolder holder = Node();
     LogCapture log;
     UDEV_SetHbaTimeOut(&holder.node);
     EXPECT_TRUE(log.Has("get udev device's attr{dev_loss_tmo} also is val{5}.\n"));
     EXPECT_EQ("4", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
-    EXPECT_FALSE(log.Contains("fail."));
 }
 
-TEST_F(TimeoutTest, FcPortGetsConfiguredValues)
+TEST_F(TimeoutTest, OnlyFcAndIscsiTransportsGetHbaTimeOuts)
 {
-    TimeoutSettings settings("dev_loss_tmo = 30\nfast_io_fail_tmo=12;\n");
-    ScsiDiskSpec spec;
-    spec.portAttrs = {{"dev_loss_tmo", "60"}, {"fast_io_fail_tmo", "25"}};
-    ScsiDisk disk = AddScsiDisk(bed_, spec);
-    NodeHolder holder = FcNode();
-    UDEV_SetHbaTimeOut(&holder.node);
-    EXPECT_EQ("30", bed_.FirstLine(disk.portClass, "dev_loss_tmo"));
-    EXPECT_EQ("12", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
-    EXPECT_EQ("60", bed_.FirstLine(disk.scsi, "timeout"));  // the HBA step leaves the device alone
-}
-
-TEST_F(TimeoutTest, UnknownTransportWritesNoHbaTimeOut)
-{
-    ScsiDisk disk = AddScsiDisk(bed_);
+    ScsiDisk fc = AddScsiDisk(bed_);
+    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiSpec());
     for (int transport : {UDEV_TRANSPORT_UNKNOWN, 1, -1}) {
-        NodeHolder holder = FcNode();
-        holder.node.transportType = transport;
+        NodeHolder holder = Node(transport, 5);
         LogCapture log;
         UDEV_SetHbaTimeOut(&holder.node);
         EXPECT_TRUE(log.Lines().empty());
     }
-    EXPECT_EQ("30", bed_.FirstLine(disk.portClass, "dev_loss_tmo"));
-    EXPECT_EQ("25", bed_.FirstLine(disk.portClass, "fast_io_fail_tmo"));
+    EXPECT_EQ("30", bed_.FirstLine(fc.portClass, "dev_loss_tmo"));
+    EXPECT_EQ("120", bed_.FirstLine(iscsi.portClass, "recovery_tmo"));
+    NodeHolder holder = Node(UDEV_TRANSPORT_ISCSI, 5);
+    UDEV_SetHbaTimeOut(&holder.node);
+    EXPECT_EQ("5", bed_.FirstLine(iscsi.portClass, "recovery_tmo"));
 }
 
-// ---- iSCSI session -------------------------------------------------------------------
-
-TEST_F(TimeoutTest, MissingSessionIsLogged)
+TEST_F(TimeoutTest, VanishedOrRefusingDevicesAreLogged)
 {
-    AddScsiDisk(bed_, IscsiSpec());
-    NodeHolder holder = IscsiNode(9);
+    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiSpec());
+    AddScsiDisk(bed_, {.timeout = std::nullopt});
+    ReadOnlyAttr readOnly(bed_, iscsi.portClass, "recovery_tmo");
+    NodeHolder noPort = Node(UDEV_TRANSPORT_FCP, 9);
+    NodeHolder noSession = Node(UDEV_TRANSPORT_ISCSI, 9);
+    NodeHolder session = Node(UDEV_TRANSPORT_ISCSI, 5);
+    NodeHolder noLun = Node();
+    noLun.node.lun = 9;
+    NodeHolder noTimeout = Node();
     LogCapture log;
-    UDEV_SetHbaTimeOut(&holder.node);
+    UDEV_SetHbaTimeOut(&noPort.node);
+    UDEV_SetHbaTimeOut(&noSession.node);
+    UDEV_SetHbaTimeOut(&session.node);
+    UDEV_SetScsiDeviceTimeOut(&noLun.node);
+    UDEV_SetScsiDeviceTimeOut(&noTimeout.node);
+    EXPECT_TRUE(log.Has("device{8:32} port{rport-2:0-9} get udev device fail.\n"));
     EXPECT_TRUE(log.Has("dev{8:32} get session{session9} udev device fail.\n"));
-}
-
-TEST_F(TimeoutTest, RefusedRecoveryWriteIsLogged)
-{
-    ScsiDisk disk = AddScsiDisk(bed_, IscsiSpec());
-    ReadOnlyAttr readOnly(bed_, disk.portClass, "recovery_tmo");
-    NodeHolder holder = IscsiNode();
-    LogCapture log;
-    UDEV_SetHbaTimeOut(&holder.node);
     EXPECT_TRUE(log.Has("dev{8:32} set session{session5} recovery_tmo fail.\n"));
-}
-
-TEST_F(TimeoutTest, SessionGetsRecoveryTimeOut)
-{
-    ScsiDisk disk = AddScsiDisk(bed_, IscsiSpec());
-    NodeHolder holder = IscsiNode();
-    UDEV_SetHbaTimeOut(&holder.node);
-    EXPECT_EQ("5", bed_.FirstLine(disk.portClass, "recovery_tmo"));
-}
-
-// ---- SCSI device ---------------------------------------------------------------------
-
-TEST_F(TimeoutTest, MissingScsiDeviceIsLogged)
-{
-    AddScsiDisk(bed_);
-    NodeHolder holder = FcNode();
-    holder.node.lun = 9;
-    LogCapture log;
-    UDEV_SetScsiDeviceTimeOut(&holder.node);
     EXPECT_TRUE(log.Has("device{8:32,2:0:1:9} get udev device fail.\n"));
-}
-
-TEST_F(TimeoutTest, MissingTimeoutAttributeIsLogged)
-{
-    ScsiDiskSpec spec;
-    spec.timeout.reset();
-    AddScsiDisk(bed_, spec);
-    NodeHolder holder = FcNode();
-    LogCapture log;
-    UDEV_SetScsiDeviceTimeOut(&holder.node);
     EXPECT_TRUE(log.Has("device{8:32,2:0:1:3} set timeout fail.\n"));
 }
 
@@ -279,22 +172,20 @@ TEST_F(TimeoutTest, ScsiDeviceGetsItsTimeOutWhateverTheTransport)
 {
     TimeoutSettings settings("scsi_timeout = 45\n");
     ScsiDisk disk = AddScsiDisk(bed_);
-    NodeHolder holder = FcNode();
-    holder.node.transportType = UDEV_TRANSPORT_UNKNOWN;
+    NodeHolder holder = Node(UDEV_TRANSPORT_UNKNOWN);
     UDEV_SetScsiDeviceTimeOut(&holder.node);
     EXPECT_EQ("45", bed_.FirstLine(disk.scsi, "timeout"));
 }
 
-TEST_F(TimeoutTest, WithoutProtocolContextNothingIsFound)
+TEST_F(TimeoutTest, WithoutTheProtocolContextNothingIsFound)
 {
     ScsiDisk disk = AddScsiDisk(bed_);
     UDEV_ProtocolReleaseHandle();
-    NodeHolder holder = FcNode();
+    NodeHolder holder = Node();
     LogCapture log;
     UDEV_SetHbaTimeOut(&holder.node);
     UDEV_SetScsiDeviceTimeOut(&holder.node);
     EXPECT_TRUE(log.Has("device{8:32} port{rport-2:0-7} get udev device fail.\n"));
-    EXPECT_TRUE(log.Has("device{8:32,2:0:1:3} get udev device fail.\n"));
     EXPECT_EQ("60", bed_.FirstLine(disk.scsi, "timeout"));
 }
 

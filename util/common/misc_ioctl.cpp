@@ -234,12 +234,17 @@ MallocPtr<MiscCtrlParam> UTIL_MiscAllocCtrlNode(const char *text, uint32_t len)
 MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t recordSize)
 {
     MPI_AssertNotNull(param);
+    // A block without a whole header has no status or dataLen to read.
+    if (recordSize < MISC_CTRL_HEAD_LEN) {
+        MPI_Log(MPI_LOG_ERROR, "alloc devnums: reply block of {%zu} bytes has no header.\n", recordSize);
+        return nullptr;
+    }
     if (param->status != static_cast<uint32_t>(UDEV_RET_OK)) {
         MPI_Log(MPI_LOG_ERROR, "alloc devnums fail with ret{%d}.\n", static_cast<int>(param->status));
         return nullptr;
     }
     uint32_t dataLen = param->dataLen;
-    size_t dataArea = recordSize > MISC_CTRL_HEAD_LEN ? recordSize - MISC_CTRL_HEAD_LEN : 0;
+    size_t dataArea = recordSize - MISC_CTRL_HEAD_LEN;
     if (dataLen > dataArea || dataLen > MISC_GET_MAX_LEN) {
         MPI_Log(MPI_LOG_ERROR, "alloc devnums: reply dataLen{%u} exceeds its data area{%zu}.\n", dataLen,
                 dataArea);

@@ -204,7 +204,7 @@ void UDEV_DispatchWorkingList(UdevListHead *list)
 
 int UDEV_HandleWait()
 {
-    g_handleState.store(UDEV_THREAD_RUNNING, std::memory_order_relaxed);
+    g_handleState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     while (!UDEV_IsStop()) {
         if (!UDEV_WaitAndTakeEvents(UDEV_GetWorkingList())) {
             MPI_Log(MPI_LOG_DEBUG, "%s\n", "udev handle thread running......");
@@ -231,7 +231,7 @@ void *UDEV_HandleThr(void * /* arg */)
     // Publishes UDEV_THREAD_STOP as the very last step, on a normal end and
     // on cancellation alike.
     UdevThreadStopGuard stopOnExit(g_handleState);
-    g_handleState.store(UDEV_THREAD_START, std::memory_order_relaxed);
+    g_handleState.store(UDEV_THREAD_START, std::memory_order_release);
     (void)UDEV_HandleWait();
     MPI_Log(MPI_LOG_ERROR, "%s\n", "udev handle thread run failed.");
     UDEV_SetStop();  // the daemon does not run on without its handler
@@ -283,7 +283,7 @@ void UDEV_DestoryHandleThread()
 
 int UDEV_GetHandleThreadState()
 {
-    return g_handleState.load(std::memory_order_relaxed);
+    return g_handleState.load(std::memory_order_acquire);
 }
 
 void UDEV_SetVlunMajorForTest(UdevVlunMajorFn source)

@@ -114,7 +114,7 @@ void *UDEV_ActivateLvmThr(void * /* arg */)
     UDEV_DisableCancel();
     // Cancelled in sleep or system, the thread still reports its end.
     UdevThreadStopGuard stopOnExit(g_lvmThreadState);
-    g_lvmThreadState.store(UDEV_THREAD_RUNNING, std::memory_order_relaxed);
+    g_lvmThreadState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     int retryCount = 0;
     while (!UDEV_IsStop()) {
         (void)UDEV_ActivateLvmCheck(&retryCount);
@@ -161,7 +161,7 @@ void UDEV_DestoryActivateLvm()
 
 int UDEV_GetActivateLvmState()
 {
-    return g_lvmThreadState.load(std::memory_order_relaxed);
+    return g_lvmThreadState.load(std::memory_order_acquire);
 }
 
 void UDEV_SetLvmCommandForTest(const char *command)

@@ -147,7 +147,7 @@ int UDEV_Listen()
         return 0;
     }
     MPI_Log(MPI_LOG_INFO, "%s\n", "start monitor udev event.");
-    g_monitorState.store(UDEV_THREAD_RUNNING, std::memory_order_relaxed);
+    g_monitorState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     while (!UDEV_IsStop()) {
         if (UDEV_WaitAndSendEvent(monitorFd, kernelMonitor.get()) == UDEV_RET_FAIL) {
             MPI_Log(MPI_LOG_ERROR, "%s\n", "udev event monitor failed.");
@@ -164,7 +164,7 @@ void *UDEV_MonitorThr(void * /* arg */)
     // Publishes UDEV_THREAD_STOP as the very last step, on a normal end and
     // on cancellation alike.
     UdevThreadStopGuard stopOnExit(g_monitorState);
-    g_monitorState.store(UDEV_THREAD_START, std::memory_order_relaxed);
+    g_monitorState.store(UDEV_THREAD_START, std::memory_order_release);
     (void)UDEV_Listen();
     MPI_Log(MPI_LOG_ERROR, "%s\n", "udev event monitor thread stop running.");
     UDEV_SetStop();
@@ -213,5 +213,5 @@ void UDEV_DestoryMonitorThread()
 
 int UDEV_GetMonitorThreadState()
 {
-    return g_monitorState.load(std::memory_order_relaxed);
+    return g_monitorState.load(std::memory_order_acquire);
 }

@@ -4,6 +4,7 @@
 #include "udev_scan.h"
 
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <unordered_set>
 
@@ -33,6 +34,10 @@ constexpr char SCAN_REMOVE_ACTION[] = "remove";
 // follows the list as remove nodes are appended.
 using DevNumIndex = std::unordered_set<std::string_view>;
 
+// Insertions the index may still make before it acts as if memory ran out;
+// negative: no limit. Only tests set a limit.
+int64_t g_indexBudget = -1;
+
 const char *TextOrNull(const char *text)
 {
     return text != nullptr ? text : "(null)";
@@ -47,7 +52,13 @@ std::string_view DevNumOf(const UdevEventNode *node)
 bool IndexAdd(DevNumIndex *index, const UdevEventNode *node) noexcept
 {
     try {
+        if (g_indexBudget == 0) {
+            throw std::bad_alloc();
+        }
         index->insert(DevNumOf(node));
+        if (g_indexBudget > 0) {
+            g_indexBudget--;
+        }
         return true;
     } catch (...) {
         index->clear();
@@ -83,6 +94,11 @@ UdevListHead *UDEV_GetScanListForTest()
 void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn)
 {
     g_handOver = (fn != nullptr) ? fn : UDEV_AddEventList;
+}
+
+void UDEV_SetScanIndexBudgetForTest(int64_t insertions)
+{
+    g_indexBudget = insertions;
 }
 
 UdevEventNode *UDEV_InquiryScanNode(const char *devNum, UdevListHead *headNode)

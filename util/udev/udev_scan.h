@@ -23,3 +23,6 @@ UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen,
 UdevListHead *UDEV_GetScanListForTest();
 using UdevScanHandOverFn = void (*)(UdevListHead *list);
 void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn);
+// For tests: the device-number index fails as if out of memory after this
+// many insertions (negative: never), so that the linear fallback is run.
+void UDEV_SetScanIndexBudgetForTest(int64_t insertions);

@@ -23,7 +23,7 @@ bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning)
     // One look, then up to UDEV_THREAD_WAIT_TURNS sleeps of 100 ms each
     // followed by a look: at most 301 looks, about 30 s.
     for (int count = 0;; ++count) {
-        int current = state.load(std::memory_order_relaxed);
+        int current = state.load(std::memory_order_acquire);
         if (current == UDEV_THREAD_STOP || (acceptRunning && current == UDEV_THREAD_RUNNING)) {
             return true;
         }

@@ -15,6 +15,9 @@ constexpr unsigned UDEV_THREAD_WAIT_USEC = 100000;
 
 // Looks at `state` every 100 ms, at most 301 times. Returns true as soon as
 // it is UDEV_THREAD_STOP, or UDEV_THREAD_RUNNING when acceptRunning.
+// Run states are published with release and read here with acquire: a
+// destroyer that saw UDEV_THREAD_STOP also sees everything the thread wrote
+// before (the working list, the nodes), so it may reuse or free them.
 bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning);
 
 // Worker threads run with cancellation disabled and enable it only around
@@ -41,7 +44,7 @@ void UDEV_DisableCancel();
 class UdevThreadStopGuard {
 public:
     explicit UdevThreadStopGuard(std::atomic<int> &state) : state_(state) {}
-    ~UdevThreadStopGuard() { state_.store(UDEV_THREAD_STOP, std::memory_order_relaxed); }
+    ~UdevThreadStopGuard() { state_.store(UDEV_THREAD_STOP, std::memory_order_release); }
     UdevThreadStopGuard(const UdevThreadStopGuard &) = delete;
     UdevThreadStopGuard &operator=(const UdevThreadStopGuard &) = delete;
 

@@ -1,11 +1,8 @@
 #include "support/udev_testbed.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
-#include <fcntl.h>
 #include <linux/capability.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -16,18 +13,16 @@
 
 #include "udev_config.h"
 #include "udev_log.h"
-#include "udev_protocol.h"
 #include "udev_qmlinux.h"
 
 namespace qmtest {
 
 namespace {
 
-// Long enough for a loaded machine; an event that never comes fails the
-// test through a null device, not through this wait.
+// An event that never comes fails the test through a null device.
 constexpr int EVENT_WAIT_MS = 5000;
 
-std::vector<gchar *> FlattenPairs(const Attrs &pairs)
+std::vector<gchar *> Flatten(const Attrs &pairs)
 {
     std::vector<gchar *> flat;
     for (const auto &pair : pairs) {
@@ -40,18 +35,17 @@ std::vector<gchar *> FlattenPairs(const Attrs &pairs)
 
 void WriteFile(const std::string &path, const std::string &content)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-void Put(Attrs &attrs, const char *name, const std::optional<std::string> &value)
+void Put(Attrs &attrs, const char *name, const Opt &value)
 {
     if (value) {
         attrs.emplace_back(name, *value);
     }
 }
 
-std::vector<std::string> &CapturedLines()
+std::vector<std::string> &Captured()
 {
     static std::vector<std::string> lines;
     return lines;
@@ -59,9 +53,10 @@ std::vector<std::string> &CapturedLines()
 
 void CaptureSink(const char *text)
 {
-    CapturedLines().emplace_back(text);
+    Captured().emplace_back(text);
 }
 
+// Returns whether the capability was in effect before.
 bool SetDacOverride(bool on)
 {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -71,11 +66,7 @@ bool SetDacOverride(bool on)
     }
     const uint32_t bit = 1u << CAP_DAC_OVERRIDE;
     bool had = (data[0].effective & bit) != 0;
-    if (on) {
-        data[0].effective |= (data[0].permitted & bit);
-    } else {
-        data[0].effective &= ~bit;
-    }
+    data[0].effective = on ? (data[0].effective | (data[0].permitted & bit)) : (data[0].effective & ~bit);
     return syscall(SYS_capset, &header, data) == 0 && had;
 }
 
@@ -98,29 +89,25 @@ std::string Testbed::Add(const std::string &subsystem, const std::string &name, 
                          const Attrs &attrs, const Attrs &props)
 {
     if (subsystem.empty()) {
-        std::string path = (parent.empty() ? std::string("/sys/devices") : parent) + "/" + name;
-        mkdir((root_ + path).c_str(), 0755);
+        std::string path = (parent.empty() ? "/sys/devices" : parent) + "/" + name;
+        std::filesystem::create_directories(root_ + path);
         WriteFile(root_ + path + "/uevent", "");
-        for (const auto &attr : attrs) {
-            WriteFile(root_ + path + "/" + attr.first, attr.second);
-        }
         return path;
     }
-    std::vector<gchar *> flatAttrs = FlattenPairs(attrs);
-    std::vector<gchar *> flatProps = FlattenPairs(props);
+    std::vector<gchar *> flatAttrs = Flatten(attrs);
+    std::vector<gchar *> flatProps = Flatten(props);
     gchar *path = umockdev_testbed_add_devicev(bed_, subsystem.c_str(), name.c_str(),
                                                parent.empty() ? nullptr : parent.c_str(), flatAttrs.data(),
                                                flatProps.data());
-    std::string result = (path == nullptr) ? std::string() : std::string(path);
+    std::string result = (path == nullptr) ? "" : path;
     g_free(path);
     return result;
 }
 
 std::string Testbed::Dir(const std::string &parent, const std::string &name)
 {
-    std::string path = parent + "/" + name;
-    mkdir((root_ + path).c_str(), 0755);
-    return path;
+    std::filesystem::create_directories(root_ + parent + "/" + name);
+    return parent + "/" + name;
 }
 
 void Testbed::Remove(const std::string &sysPath)
@@ -160,41 +147,58 @@ UdevDevicePtr Testbed::Event(const std::string &sysPath, const char *action)
     return UdevDevicePtr(udev_monitor_receive_device(monitor.get()));
 }
 
+ScsiDiskSpec IscsiSpec()
+{
+    ScsiDiskSpec spec;
+    spec.transport = Transport::ISCSI;
+    spec.host = "host3";
+    spec.port = "session5";
+    spec.target = "target3:0:0";
+    spec.scsi = "3:0:0:1";
+    spec.block = "sdd";
+    return spec;
+}
+
+ScsiDiskSpec LocalSpec()
+{
+    ScsiDiskSpec spec;
+    spec.transport = Transport::LOCAL;
+    spec.host = "host0";
+    spec.target = "target0:0:0";
+    spec.scsi = "0:0:0:0";
+    spec.block = "sda";
+    return spec;
+}
+
 ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskSpec &spec)
 {
     ScsiDisk disk;
-    disk.host = bed.Add("scsi_host", spec.hostName, "");
-    std::string targetParent = disk.host;
-    if (spec.transport == Transport::FC) {
-        disk.port = bed.Add("", spec.portName, disk.host);
-        disk.portClass = bed.Add("fc_remote_ports", spec.portName, bed.Dir(disk.port, "fc_remote_ports"), spec.portAttrs);
-        targetParent = disk.port;
-    } else if (spec.transport == Transport::ISCSI) {
-        disk.port = bed.Add("", spec.portName, disk.host);
-        disk.portClass = bed.Add("iscsi_session", spec.portName, bed.Dir(disk.port, "iscsi_session"), spec.sessionAttrs);
-        targetParent = disk.port;
+    std::string parent = bed.Add("scsi_host", spec.host, "");
+    if (spec.transport != Transport::LOCAL) {
+        const char *portClass = (spec.transport == Transport::FC) ? "fc_remote_ports" : "iscsi_session";
+        disk.port = bed.Add("", spec.port, parent);
+        disk.portClass = bed.Add(portClass, spec.port, bed.Dir(disk.port, portClass), spec.portAttrs);
+        parent = disk.port;
     }
-    disk.target = bed.Add("scsi", spec.targetName, targetParent, {}, {{"DEVTYPE", "scsi_target"}});
+    std::string target = bed.Add("scsi", spec.target, parent, {}, {{"DEVTYPE", "scsi_target"}});
     Attrs scsiAttrs;
     Put(scsiAttrs, "vendor", spec.vendor);
     Put(scsiAttrs, "model", spec.model);
     Put(scsiAttrs, "timeout", spec.timeout);
-    disk.scsi = bed.Add("scsi", spec.scsiName, disk.target, scsiAttrs, {{"DEVTYPE", "scsi_device"}});
-    Attrs blockProps = {{"DEVTYPE", "disk"}};
-    Put(blockProps, "MAJOR", spec.major);
-    Put(blockProps, "MINOR", spec.minor);
-    Put(blockProps, "ID_WWN_WITH_EXTENSION", spec.wwn);
-    disk.block = bed.Add("block", spec.blockName, bed.Dir(disk.scsi, "block"), {}, blockProps);
+    disk.scsi = bed.Add("scsi", spec.scsi, target, scsiAttrs, {{"DEVTYPE", "scsi_device"}});
+    Attrs props = {{"DEVTYPE", "disk"}};
+    Put(props, "MAJOR", spec.major);
+    Put(props, "MINOR", spec.minor);
+    Put(props, "ID_WWN_WITH_EXTENSION", spec.wwn);
+    disk.block = bed.Add("block", spec.block, bed.Dir(disk.scsi, "block"), {}, props);
     return disk;
 }
 
-NvmeDisk AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec)
+std::string AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec)
 {
-    NvmeDisk disk;
     Attrs controllerAttrs;
     Put(controllerAttrs, "model", spec.model);
-    disk.controller = bed.Add("nvme", spec.controllerName, "", controllerAttrs);
-    std::string parent = disk.controller;
+    std::string parent = bed.Add("nvme", spec.controller, "", controllerAttrs);
     if (spec.underSubsystem) {
         parent = bed.Add("nvme-subsystem", "nvme-subsys0", "");
     }
@@ -202,11 +206,10 @@ NvmeDisk AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec)
     Put(attrs, "nsid", spec.nsid);
     Put(attrs, "cntlid", spec.cntlid);
     Put(attrs, "hidden", spec.hidden);
-    Attrs props = {{"MAJOR", spec.major}, {"MINOR", spec.minor}};
+    Attrs props = {{"MAJOR", "259"}, {"MINOR", "2"}};
     Put(props, "DEVTYPE", spec.devtype);
     Put(props, "ID_WWN", spec.wwn);
-    disk.block = bed.Add("block", spec.blockName, parent, attrs, props);
-    return disk;
+    return bed.Add("block", spec.block, parent, attrs, props);
 }
 
 std::string AddBareBlock(Testbed &bed, const std::string &name, const std::string &major, const std::string &minor)
@@ -217,32 +220,29 @@ std::string AddBareBlock(Testbed &bed, const std::string &name, const std::strin
 NodeHolder::NodeHolder() : node{}
 {
     UDEV_ListInit(&node.list);
-    node.host = -1;
-    node.channel = -1;
-    node.target = -1;
-    node.lun = -1;
+    node.host = node.channel = node.target = node.lun = -1;
     node.transportType = UDEV_TRANSPORT_UNKNOWN;
     node.transportId = -1;
-    node.protocol = 0;
 }
 
-NodeHolder::NodeHolder(UdevDevicePtr device) : NodeHolder()
+NodeHolder::NodeHolder(UdevDevicePtr device, const char *devNum, const char *devInfo) : NodeHolder()
 {
     dev = std::move(device);
     node.udevDev = dev.get();
+    snprintf(node.devNum, sizeof(node.devNum), "%s", devNum);
+    snprintf(node.devInfo, sizeof(node.devInfo), "%s", devInfo);
 }
 
 NodeHolder::NodeHolder(NodeHolder &&other) noexcept : node(other.node), dev(std::move(other.dev))
 {
-    // The link of a node off any list points at the node itself.
-    UDEV_ListInit(&node.list);
+    UDEV_ListInit(&node.list);  // a node off any list links to itself
     node.udevDev = dev.get();
     other.node.udevDev = nullptr;
 }
 
 LogCapture::LogCapture()
 {
-    CapturedLines().clear();
+    Captured().clear();
     UDEV_SetSyslogSinkForTest(CaptureSink);
     UDEV_SetSyslogMode();
 }
@@ -251,23 +251,18 @@ LogCapture::~LogCapture()
 {
     UDEV_ClearSyslogMode();
     UDEV_SetSyslogSinkForTest(nullptr);
-    CapturedLines().clear();
+    Captured().clear();
 }
 
 const std::vector<std::string> &LogCapture::Lines() const
 {
-    return CapturedLines();
-}
-
-bool LogCapture::Has(const std::string &message) const
-{
-    return Count(message) > 0;
+    return Captured();
 }
 
 size_t LogCapture::Count(const std::string &message) const
 {
     size_t count = 0;
-    for (const std::string &line : CapturedLines()) {
+    for (const std::string &line : Captured()) {
         count += (line == message) ? 1 : 0;
     }
     return count;
@@ -275,7 +270,7 @@ size_t LogCapture::Count(const std::string &message) const
 
 bool LogCapture::Contains(const std::string &fragment) const
 {
-    for (const std::string &line : CapturedLines()) {
+    for (const std::string &line : Captured()) {
         if (line.find(fragment) != std::string::npos) {
             return true;
         }
@@ -283,46 +278,37 @@ bool LogCapture::Contains(const std::string &fragment) const
     return false;
 }
 
-void LogCapture::Clear()
-{
-    CapturedLines().clear();
-}
-
 TempDir::TempDir()
 {
     char pattern[] = "/tmp/qmudev-test-XXXXXX";
     const char *made = mkdtemp(pattern);
-    path_ = (made == nullptr) ? std::string() : std::string(made);
+    path_ = (made == nullptr) ? "" : made;
 }
 
 TempDir::~TempDir()
 {
-    if (!path_.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 std::string TempDir::Write(const std::string &name, const std::string &content) const
 {
-    std::string path = path_ + "/" + name;
-    WriteFile(path, content);
-    return path;
+    WriteFile(path_ + "/" + name, content);
+    return path_ + "/" + name;
 }
 
-VendorList::VendorList(const std::string &rules)
+VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>> rules)
 {
-    UDEV_InitConfigFromPath(dir_.Write("qm_plus.conf", "[vendors]\n" + rules).c_str());
+    std::string text = "[vendors]\n";
+    for (const auto &rule : rules) {
+        text += "ruler_name=test,vendor_id=" + rule.first + ",product_id=" + rule.second + ",driver=qm\n";
+    }
+    UDEV_InitConfigFromPath(dir_.Write("qm_plus.conf", text).c_str());
 }
 
 VendorList::~VendorList()
 {
     UDEV_ReleaseConfig();
-}
-
-std::string VendorRule(const std::string &vendor, const std::string &product)
-{
-    return "ruler_name=test,vendor_id=" + vendor + ",product_id=" + product + ",driver=qm\n";
 }
 
 TimeoutSettings::TimeoutSettings(const std::string &text)
@@ -348,16 +334,6 @@ ReadOnlyAttr::~ReadOnlyAttr()
         (void)SetDacOverride(true);
     }
     chmod(hostPath_.c_str(), 0644);
-}
-
-ProtocolHandle::ProtocolHandle()
-{
-    UDEV_ProtocolInitHandle();
-}
-
-ProtocolHandle::~ProtocolHandle()
-{
-    UDEV_ProtocolReleaseHandle();
 }
 
 }  // namespace qmtest

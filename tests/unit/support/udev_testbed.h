@@ -1,10 +1,10 @@
 // Test support: umockdev testbeds with the disk topologies the daemon meets
 // (FC, iSCSI, local SCSI, NVMe), event records as the pipeline makes them,
-// log capture, and temporary configuration files. Everything lives under the
-// testbed's or a temporary directory; nothing touches the host's /etc, /run,
-// /opt or /dev.
+// log capture and temporary configuration. Nothing here touches the host's
+// /etc, /run, /opt or /dev.
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,8 +18,9 @@ typedef struct _UMockdevTestbed UMockdevTestbed;
 namespace qmtest {
 
 using Attrs = std::vector<std::pair<std::string, std::string>>;
+using Opt = std::optional<std::string>;
 
-// One umockdev testbed; the process sees it as /sys while it lives.
+// The process sees the testbed as /sys while it lives.
 class Testbed {
 public:
     Testbed();
@@ -27,21 +28,17 @@ public:
     Testbed(const Testbed &) = delete;
     Testbed &operator=(const Testbed &) = delete;
 
-    // A device under `parent` (a sys path, or empty for /sys/devices). An
-    // empty subsystem makes a device without one (as an FC remote port).
+    // Under `parent` (a sys path; empty: /sys/devices). An empty subsystem
+    // makes a device without one, as an FC remote port is.
     std::string Add(const std::string &subsystem, const std::string &name, const std::string &parent,
                     const Attrs &attrs = {}, const Attrs &props = {});
-    // A plain directory that is not a device (as ".../block").
-    std::string Dir(const std::string &parent, const std::string &name);
+    std::string Dir(const std::string &parent, const std::string &name);  // not a device
     void Remove(const std::string &sysPath);
-
     std::string HostPath(const std::string &sysPath, const std::string &attr) const;
-    // First line of a sysfs file: libudev writes without truncating, so a
-    // shorter value leaves the tail of the old one on later lines.
+    // libudev writes without truncating: only the first line is the value.
     std::string FirstLine(const std::string &sysPath, const std::string &attr) const;
-
     UdevDevicePtr Device(const std::string &sysPath) const;
-    // The device as a udev monitor receives it, with its action.
+    // As a udev monitor receives it, with its action.
     UdevDevicePtr Event(const std::string &sysPath, const char *action);
 
 private:
@@ -52,64 +49,56 @@ private:
 
 enum class Transport { FC, ISCSI, LOCAL };
 
+// Defaults: FC disk host2/rport-2:0-7/target2:0:1/2:0:1:3/block/sdc, 8:32.
 struct ScsiDiskSpec {
     Transport transport = Transport::FC;
-    std::string hostName = "host2";
-    std::string portName = "rport-2:0-7";  // FC remote port or iSCSI session
-    std::string targetName = "target2:0:1";
-    std::string scsiName = "2:0:1:3";
-    std::string blockName = "sdc";
-    std::optional<std::string> vendor = "QUILL   ";
-    std::optional<std::string> model = "MESH-DISK       ";
-    std::optional<std::string> major = "8";
-    std::optional<std::string> minor = "32";
-    std::optional<std::string> wwn = "0x6000c29a1b2c3d4e5f60718293a4b5c6";
-    Attrs portAttrs = {{"dev_loss_tmo", "30"}, {"fast_io_fail_tmo", "25"}};
-    Attrs sessionAttrs = {{"recovery_tmo", "120"}};
-    std::optional<std::string> timeout = "60";
+    std::string host = "host2";
+    std::string port = "rport-2:0-7";  // remote port or iSCSI session
+    std::string target = "target2:0:1";
+    std::string scsi = "2:0:1:3";
+    std::string block = "sdc";
+    Opt vendor = "QUILL   ";
+    Opt model = "MESH-DISK       ";
+    Opt major = "8";
+    Opt minor = "32";
+    Opt wwn = "0x6000c29a1b2c3d4e5f60718293a4b5c6";
+    Attrs portAttrs = {{"dev_loss_tmo", "30"}, {"fast_io_fail_tmo", "25"}, {"recovery_tmo", "120"}};
+    Opt timeout = "60";
 };
+ScsiDiskSpec IscsiSpec();  // host3/session5/target3:0:0/3:0:0:1/block/sdd
+ScsiDiskSpec LocalSpec();  // host0/target0:0:0/0:0:0:0/block/sda
 
 struct ScsiDisk {
-    std::string host;
-    std::string port;       // rport-H:C-N or sessionN (empty for a local disk)
-    std::string portClass;  // fc_remote_ports/... or iscsi_session/... child
-    std::string target;
+    std::string port;       // the FC port or session device itself
+    std::string portClass;  // its fc_remote_ports or iscsi_session child
     std::string scsi;
     std::string block;
 };
-
 ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskSpec &spec = {});
 
+// Defaults: controller nvme3 (model QUILL-MESH1) / nvme3n2, 259:2, nsid 2.
 struct NvmeDiskSpec {
-    std::string controllerName = "nvme3";
-    std::optional<std::string> model = "QUILL-MESH1";
+    std::string controller = "nvme3";
+    Opt model = "QUILL-MESH1";
     bool underSubsystem = false;  // namespace below an nvme-subsystem device
-    std::string blockName = "nvme3n2";
-    std::optional<std::string> devtype = "disk";
-    std::optional<std::string> nsid = "2";
-    std::optional<std::string> cntlid = std::nullopt;
-    std::optional<std::string> hidden = "0";
-    std::optional<std::string> wwn = "eui.0025388b91d0a3b1";
-    std::string major = "259";
-    std::string minor = "2";
+    std::string block = "nvme3n2";
+    Opt devtype = "disk";
+    Opt nsid = "2";
+    Opt cntlid = std::nullopt;
+    Opt hidden = "0";
+    Opt wwn = "eui.0025388b91d0a3b1";
 };
+std::string AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec = {});
 
-struct NvmeDisk {
-    std::string controller;
-    std::string block;
-};
-
-NvmeDisk AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec = {});
-
-// A block device directly under /sys/devices, as sr0, vda or dm-0.
+// A block disk directly under /sys/devices, as sr0 or dm-0.
 std::string AddBareBlock(Testbed &bed, const std::string &name, const std::string &major = "11",
                          const std::string &minor = "0");
 
-// An event record with the initial values of a fresh node; the device, if
-// any, stays owned by the holder.
+// An event record with the initial values of a fresh node; the holder owns
+// the device.
 struct NodeHolder {
     NodeHolder();
-    explicit NodeHolder(UdevDevicePtr device);
+    explicit NodeHolder(UdevDevicePtr device, const char *devNum = "", const char *devInfo = "");
     NodeHolder(NodeHolder &&other) noexcept;
     NodeHolder(const NodeHolder &) = delete;
     NodeHolder &operator=(const NodeHolder &) = delete;
@@ -118,7 +107,7 @@ struct NodeHolder {
     UdevDevicePtr dev;
 };
 
-// Catches every log record (all levels, DEBUG included) as its message text.
+// Every log record (DEBUG included) as its message text, while it lives.
 class LogCapture {
 public:
     LogCapture();
@@ -127,10 +116,9 @@ public:
     LogCapture &operator=(const LogCapture &) = delete;
 
     const std::vector<std::string> &Lines() const;
-    bool Has(const std::string &message) const;
     size_t Count(const std::string &message) const;
+    bool Has(const std::string &message) const { return Count(message) > 0; }
     bool Contains(const std::string &fragment) const;
-    void Clear();
 };
 
 class TempDir {
@@ -147,35 +135,28 @@ private:
     std::string path_;
 };
 
-// The vendor support list loaded from text; released again on scope exit.
+// The vendor support list with one rule per (vendor, product) pair.
 class VendorList {
 public:
-    explicit VendorList(const std::string &rules);
+    VendorList(std::initializer_list<std::pair<std::string, std::string>> rules);
     ~VendorList();
-    VendorList(const VendorList &) = delete;
-    VendorList &operator=(const VendorList &) = delete;
 
 private:
     TempDir dir_;
 };
 
-// One rule line of the vendor list.
-std::string VendorRule(const std::string &vendor, const std::string &product);
-
-// Time-out settings loaded from text; defaults come back on scope exit.
+// Time-out settings read from `text`; the defaults come back afterwards.
 class TimeoutSettings {
 public:
     explicit TimeoutSettings(const std::string &text);
     ~TimeoutSettings();
-    TimeoutSettings(const TimeoutSettings &) = delete;
-    TimeoutSettings &operator=(const TimeoutSettings &) = delete;
 
 private:
     TempDir dir_;
 };
 
-// Makes one sysfs attribute unwritable for this thread (mode 0444, and the
-// DAC override capability dropped from the effective set while it lives).
+// One attribute unwritable for this thread: mode 0444, and the DAC override
+// capability out of the effective set while this lives.
 class ReadOnlyAttr {
 public:
     ReadOnlyAttr(const Testbed &bed, const std::string &sysPath, const std::string &attr);
@@ -185,16 +166,7 @@ public:
 
 private:
     std::string hostPath_;
-    bool capDropped_ = false;
-};
-
-// The protocol layer's libudev context for the life of a test.
-class ProtocolHandle {
-public:
-    ProtocolHandle();
-    ~ProtocolHandle();
-    ProtocolHandle(const ProtocolHandle &) = delete;
-    ProtocolHandle &operator=(const ProtocolHandle &) = delete;
+    bool capDropped_;
 };
 
 }  // namespace qmtest

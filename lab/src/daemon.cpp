@@ -1,0 +1,265 @@
+#include "qmlab/daemon.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "qmlab/sandbox.h"
+#include "qmlab/wire.h"
+
+extern char **environ;
+
+namespace qmlab {
+
+namespace {
+
+std::string FromEnv(const char *name, const char *builtIn)
+{
+    const char *v = std::getenv(name);
+    return v != nullptr && v[0] != '\0' ? std::string(v) : std::string(builtIn);
+}
+
+bool Dropped(const std::string &entry)
+{
+    static const char *const kNames[] = {"LD_PRELOAD=", "UMOCKDEV_DIR=", "NOTIFY_SOCKET=", "FAKETIME", "ASAN_OPTIONS=",
+                                         "SYSTEMD_DEVICE_VERIFY_SYSFS="};
+    for (const char *name : kNames) {
+        if (entry.rfind(name, 0) == 0) {
+            return true;
+        }
+    }
+    return entry.rfind(wire::kSocketEnv, 0) == 0;
+}
+
+void SetVar(std::vector<std::string> &env, const std::string &name, const std::string &value)
+{
+    std::string prefix = name + "=";
+    for (auto &e : env) {
+        if (e.rfind(prefix, 0) == 0) {
+            e = prefix + value;
+            return;
+        }
+    }
+    env.push_back(prefix + value);
+}
+
+std::atomic<int> g_daemonCount{0};
+
+}  // namespace
+
+std::string ExitStatus::Describe() const
+{
+    if (exited) {
+        return "exit " + std::to_string(code);
+    }
+    if (signaled) {
+        return std::string("signal ") + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
+    }
+    return "running";
+}
+
+std::string DaemonBinaryPath()
+{
+    return FromEnv("QMLAB_DAEMON", QMLAB_DAEMON_PATH);
+}
+
+std::string ShimPath()
+{
+    return FromEnv("QMLAB_SHIM", QMLAB_SHIM_PATH);
+}
+
+std::string UmockdevPreloadPath()
+{
+    return FromEnv("QMLAB_UMOCKDEV_PRELOAD", QMLAB_UMOCKDEV_PRELOAD);
+}
+
+std::string FaketimePath()
+{
+    return FromEnv("QMLAB_FAKETIME", QMLAB_FAKETIME_LIB);
+}
+
+Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
+{
+    for (char **e = environ; *e != nullptr; ++e) {
+        if (!Dropped(*e)) {
+            env_.emplace_back(*e);
+        }
+    }
+    std::string preload = ShimPath() + ":" + UmockdevPreloadPath();
+    if (options.timeSpeed) {
+        preload += ":" + FaketimePath();
+        char spec[64];
+        std::snprintf(spec, sizeof(spec), "+0 x%g", *options.timeSpeed);
+        SetVar(env_, "FAKETIME", spec);
+        SetVar(env_, "FAKETIME_DONT_RESET", "1");
+    }
+    SetVar(env_, "LD_PRELOAD", preload);
+    SetVar(env_, "UMOCKDEV_DIR", context.testbedRoot);
+    SetVar(env_, "SYSTEMD_DEVICE_VERIFY_SYSFS", "0");
+    // The daemon's sanitizer runtime cannot come first with preloads ahead
+    // of it; leak checking stays on.
+    const char *asan = std::getenv("ASAN_OPTIONS");
+    std::string asanOptions = asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : std::string();
+    SetVar(env_, "ASAN_OPTIONS", asanOptions + "verify_asan_link_order=0:detect_leaks=1");
+    SetVar(env_, "NOTIFY_SOCKET", context.notifySocket);
+    if (options.driver) {
+        SetVar(env_, wire::kSocketEnv, context.driverSocket);
+    }
+    for (const auto &[k, v] : options.env) {
+        SetVar(env_, k, v);
+    }
+
+    std::string binary = options.binary.empty() ? DaemonBinaryPath() : options.binary;
+    if (::access(binary.c_str(), X_OK) < 0) {
+        throw std::system_error(errno, std::generic_category(), "daemon binary " + binary);
+    }
+    int n = ++g_daemonCount;
+    outPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".out";
+    errPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".err";
+
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(binary.c_str()));
+    for (auto &a : options.args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+    std::vector<char *> envp;
+    for (auto &e : env_) {
+        envp.push_back(e.data());
+    }
+    envp.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    int rc = ::posix_spawn(&pid_, binary.c_str(), &actions, &attr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        throw std::system_error(rc, std::generic_category(), "spawn " + binary);
+    }
+    pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+}
+
+Daemon::~Daemon()
+{
+    if (!status_ && pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        Reap(true);
+    }
+    if (pidfd_ >= 0) {
+        ::close(pidfd_);
+    }
+}
+
+bool Daemon::Reap(bool block)
+{
+    if (status_) {
+        return true;
+    }
+    int wstatus = 0;
+    pid_t r;
+    do {
+        r = ::waitpid(pid_, &wstatus, block ? 0 : WNOHANG);
+    } while (r < 0 && errno == EINTR);
+    if (r != pid_) {
+        return false;
+    }
+    ExitStatus s;
+    if (WIFEXITED(wstatus)) {
+        s.exited = true;
+        s.code = WEXITSTATUS(wstatus);
+    } else if (WIFSIGNALED(wstatus)) {
+        s.signaled = true;
+        s.signal = WTERMSIG(wstatus);
+    }
+    status_ = s;
+    return true;
+}
+
+bool Daemon::Running()
+{
+    return !Reap(false);
+}
+
+std::optional<ExitStatus> Daemon::WaitExit(Clock::duration timeout)
+{
+    Deadline deadline(timeout);
+    if (pidfd_ >= 0) {
+        for (;;) {
+            if (Reap(false)) {
+                return status_;
+            }
+            pollfd p{pidfd_, POLLIN, 0};
+            int n = ::poll(&p, 1, deadline.RemainingMs());
+            if (n == 0 && deadline.Expired()) {
+                return Reap(false) ? status_ : std::nullopt;
+            }
+        }
+    }
+    if (Eventually([&] { return Reap(false); }, timeout)) {
+        return status_;
+    }
+    return std::nullopt;
+}
+
+void Daemon::Signal(int sig)
+{
+    if (!status_ && pid_ > 0) {
+        ::kill(pid_, sig);
+    }
+}
+
+ExitStatus Daemon::Stop(Clock::duration grace)
+{
+    Signal(SIGTERM);
+    if (auto s = WaitExit(grace)) {
+        return *s;
+    }
+    Signal(SIGKILL);
+    Reap(true);
+    return *status_;
+}
+
+std::string Daemon::Stdout() const
+{
+    return ReadFile(outPath_).value_or("");
+}
+
+std::string Daemon::Stderr() const
+{
+    return ReadFile(errPath_).value_or("");
+}
+
+}  // namespace qmlab
+
+namespace qmlab {
+
+std::string IoctlProbePath()
+{
+    return FromEnv("QMLAB_PROBE", QMLAB_PROBE_PATH);
+}
+
+}  // namespace qmlab

@@ -1,0 +1,219 @@
+// Event records and the event list: what counts as a done dispatch, the
+// retry wait, the linear supersession rule, queue order and wake-ups, and a
+// cancellation inside the handle thread's wait.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "support/pipeline_support.h"
+#include "udev_event.h"
+#include "udev_log.h"
+#include "udev_thread.h"
+
+namespace {
+
+using namespace qmtest;
+
+constexpr int64_t kNow = 1'700'000'000;
+int64_t FixedClock()
+{
+    return kNow;
+}
+std::atomic<int> g_finishRuns{0};
+void CountFinish(uint32_t, UdevEventNode *)
+{
+    g_finishRuns.fetch_add(1);
+}
+
+class EventListTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(UDEV_InitEventList());
+        UDEV_SetEventClockForTest(FixedClock);
+        UDEV_SetAddFinishForTest(CountFinish);
+        g_finishRuns.store(0);
+        UDEV_ListInit(&taken_);
+    }
+    void TearDown() override
+    {
+        UDEV_DeleteEventList(&taken_);
+        UDEV_ReleaseEventList();  // would hang on a mutex left locked
+        UDEV_SetEventClockForTest(nullptr);
+        UDEV_SetAddFinishForTest(nullptr);
+    }
+    std::vector<std::string> Taken()
+    {
+        std::vector<std::string> devNums;
+        for (UdevEventNode *node : NodesOf(&taken_)) {
+            devNums.emplace_back(node->devNum);
+        }
+        return devNums;
+    }
+    UdevListHead taken_;
+    FakeDriver driver_;
+};
+
+struct DispatchCase {
+    const char *action;
+    int status;  // the driver's reply; -1: the ioctl itself fails
+    bool done;
+    bool finish;  // the protocol's finishing step ran
+};
+
+class DispatchTest : public EventListTest, public ::testing::WithParamInterface<DispatchCase> {};
+
+TEST_P(DispatchTest, TheActionsResultSetDecides)
+{
+    const DispatchCase &c = GetParam();
+    UdevEventNode *node = MakeNode(c.action, "8:32", "t");
+    driver_.Script({c.status});
+    EXPECT_EQ(UDEV_DispatchEventNode(node), c.done);
+    EXPECT_EQ(g_finishRuns.load(), c.finish ? 1 : 0);
+    std::vector<DriverCall> expected = {std::string(c.action) == "add"      ? Add("8:32", "t")
+                                        : std::string(c.action) == "remove" ? Remove("8:32")
+                                                                            : Change("8:32")};
+    EXPECT_EQ(driver_.Calls(), std::string(c.action) == "move" ? std::vector<DriverCall>{} : expected);
+    UDEV_DeleteEventNode(node);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DispatchTest,
+    ::testing::Values(DispatchCase{"add", 1030, false, false}, DispatchCase{"add", 1055, false, false},
+                      DispatchCase{"add", 1056, false, false}, DispatchCase{"add", -1, false, false},
+                      DispatchCase{"remove", 1052, false, false}, DispatchCase{"remove", 1061, false, false},
+                      DispatchCase{"change", 1061, false, false}, DispatchCase{"change", -1, false, false},
+                      DispatchCase{"add", 1024, true, true}, DispatchCase{"add", 1061, true, true},
+                      DispatchCase{"add", 1052, true, false}, DispatchCase{"remove", 1024, true, false},
+                      DispatchCase{"remove", 1055, true, false}, DispatchCase{"remove", 1056, true, false},
+                      DispatchCase{"change", 1055, true, false}, DispatchCase{"change", 1056, true, false},
+                      DispatchCase{"move", 1030, true, false}),
+    [](const auto &info) {
+        return std::string(info.param.action) + "_" +
+               (info.param.status < 0 ? std::string("ioctl_fails") : std::to_string(info.param.status));
+    });
+
+TEST_F(EventListTest, RetryWaitIs120SecondsOnAnUnsignedDifference)
+{
+    const struct {
+        uint8_t isRetry;
+        int64_t retryTime;
+        bool waiting;
+    } cases[] = {{1, kNow + 30, false} /* clock stepped back */, {0, kNow, false}, {1, kNow, true},
+                 {1, kNow - 119, true}, {1, kNow - 120, false}};
+    UdevEventNode *node = MakeNode("add", "8:0");
+    for (const auto &c : cases) {
+        node->isRetry = c.isRetry;
+        node->retryTime = c.retryTime;
+        EXPECT_EQ(UDEV_CheckEventRetry(node), c.waiting) << "retry " << int(c.isRetry) << " at now" << c.retryTime - kNow;
+    }
+    UDEV_MarkEventRetry(node);
+    EXPECT_EQ(node->retryTime, kNow);
+    UDEV_DeleteEventNode(node);
+}
+
+TEST_F(EventListTest, OnlyAnotherAddOrRemoveOfTheSameNumberSupersedes)
+{
+    const struct {
+        std::vector<std::pair<const char *, const char *>> list;
+        size_t candidate;
+        bool superseded;
+    } cases[] = {{{{"add", "8:0"}}, 0, false},
+                 {{{"change", "8:0"}, {"add", "8:0"}}, 0, true},
+                 {{{"change", "8:0"}, {"add", "8:0"}}, 1, false},
+                 {{{"change", "8:0"}, {"change", "8:0"}}, 0, false},
+                 {{{"remove", "8:0"}, {"add", "8:0"}}, 1, true},
+                 {{{"add", "8:1"}, {"add", "8:10"}, {"add", "18:1"}}, 0, false}};
+    for (const auto &c : cases) {
+        UdevListHead list;
+        UDEV_ListInit(&list);
+        for (const auto &[action, devNum] : c.list) {
+            UDEV_ListAddTail(&MakeNode(action, devNum)->list, &list);
+        }
+        EXPECT_EQ(UDEV_FindUdevEvent(&list, NodesOf(&list)[c.candidate]), c.superseded) << c.list.size();
+        UDEV_DeleteEventList(&list);
+    }
+}
+
+TEST_F(EventListTest, ScanBatchGoesInFrontAndWakeUpsWaitForIt)
+{
+    uint64_t signals = UDEV_GetEventSignalCountForTest();
+    UDEV_AddEventNode(nullptr);
+    UDEV_AddEventNode(MakeNode("add", "8:64"));
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals) << "no wake-up before the scan handed over";
+
+    UdevListHead scan;
+    UDEV_ListInit(&scan);
+    UDEV_ListAddTail(&MakeNode("add", "8:0")->list, &scan);
+    UDEV_ListAddTail(&MakeNode("remove", "8:16")->list, &scan);
+    UDEV_AddEventList(&scan);
+    EXPECT_TRUE(UDEV_ListEmpty(&scan));
+    UDEV_AddEventNode(nullptr);
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
+
+    ASSERT_TRUE(TakeQueued(&taken_));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"8:0", "8:16", "8:64"})) << "a null wake-up queues nothing";
+}
+
+char TaskState(pid_t tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    size_t paren = text.rfind(')');
+    return paren != std::string::npos && paren + 2 < text.size() ? text[paren + 2] : '?';
+}
+
+std::atomic<pid_t> g_waiterTid{0};
+void *Waiter(void *working)
+{
+    UDEV_DisableCancel();
+    g_waiterTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
+    (void)UDEV_WaitAndTakeEvents(static_cast<UdevListHead *>(working));
+    return working;
+}
+
+TEST_F(EventListTest, CancellationInsideTheWaitLeavesTheListUsable)
+{
+    g_waiterTid.store(0);
+    pthread_t waiter;
+    ASSERT_EQ(pthread_create(&waiter, nullptr, Waiter, &taken_), 0);
+    // Best effort to cancel while it sleeps; an earlier cancel is pending
+    // and acted on by the wait all the same.
+    (void)WaitUntil([] { return g_waiterTid.load() != 0 && TaskState(g_waiterTid.load()) == 'S'; });
+    ASSERT_EQ(pthread_cancel(waiter), 0);
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(waiter, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+
+    UDEV_AddEventList(nullptr);
+    UDEV_AddEventNode(MakeNode("add", "8:0"));
+    ASSERT_TRUE(TakeQueued(&taken_));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"8:0"}));
+}
+
+TEST(EventNodeTest, NewNodeHoldsTheInitialValues)
+{
+    UdevEventNode *node = UDEV_AllocEventNode();
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->list.next, &node->list);
+    EXPECT_EQ(node->list.prev, &node->list);
+    EXPECT_EQ(node->isRetry, 0);
+    EXPECT_EQ(node->retryTime, 0);
+    EXPECT_EQ(node->udevDev, nullptr);
+    EXPECT_STREQ(node->devNum, "");
+    EXPECT_STREQ(node->action, "");
+    EXPECT_STREQ(node->devInfo, "");
+    EXPECT_EQ(std::vector<int32_t>({node->host, node->channel, node->target, node->lun, node->transportId}),
+              std::vector<int32_t>(5, -1));
+    EXPECT_EQ(node->transportType, 15);
+    EXPECT_EQ(node->protocol, 0u);
+    UDEV_DeleteEventNode(node);
+}
+
+}  // namespace

@@ -1,0 +1,301 @@
+// The handle thread: which queued events reach the driver (supersession,
+// retries), that the indexed walk gives exactly what the linear rule gives,
+// the LVM request, and that the thread ends from every state.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/event_bed.h"
+#include "support/pipeline_support.h"
+#include "udev_event.h"
+#include "udev_handle.h"
+#include "udev_log.h"
+#include "udev_lvm.h"
+#include "udev_thread.h"
+#include "util_ret.h"
+
+namespace {
+
+using namespace qmtest;
+
+std::atomic<int64_t> g_now{1'700'000'000};
+int64_t TestClock()
+{
+    return g_now.load();
+}
+void NoFinish(uint32_t, UdevEventNode *) {}
+
+std::string Describe(const std::vector<DriverCall> &calls)
+{
+    std::ostringstream out;
+    for (const DriverCall &call : calls) {
+        out << call.request % 256 << "(" << call.text << ") ";
+    }
+    return out.str();
+}
+
+class HandleTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        UDEV_ResetFlagsForTest();
+        ASSERT_TRUE(UDEV_InitEventList());
+        UDEV_SetEventClockForTest(TestClock);
+        UDEV_SetAddFinishForTest(NoFinish);
+    }
+    void TearDown() override
+    {
+        UDEV_DeleteEventList(UDEV_GetWorkingList());
+        UDEV_ReleaseEventList();
+        UDEV_SetEventClockForTest(nullptr);
+        UDEV_SetAddFinishForTest(nullptr);
+        UDEV_ResetFlagsForTest();
+    }
+    static void Queue(UdevEventNode *node) { UDEV_ListAddTail(&node->list, UDEV_GetWorkingList()); }
+    static size_t Left() { return NodesOf(UDEV_GetWorkingList()).size(); }
+    FakeDriver driver_;
+};
+
+TEST_F(HandleTest, RefusedEventIsTriedAgainOnlyAfter120Seconds)
+{
+    driver_.Script({1030, 1056, 1030});
+    Queue(MakeNode("add", "8:32", "a"));
+    Queue(MakeNode("remove", "8:48"));
+    int64_t start = g_now.load();
+    UDEV_HandleEvent();  // add refused at start, remove done
+    for (int64_t at : {60, 119, 120, 239, 240}) {
+        g_now.store(start + at);
+        UDEV_HandleEvent();  // refused again at +120
+    }
+    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:32", "a"), Remove("8:48"), Add("8:32", "a"),
+                                                        Add("8:32", "a")}));
+    EXPECT_EQ(Left(), 0u);
+}
+
+TEST_F(HandleTest, RefusedAddGivesWayToALaterRemove)
+{
+    driver_.Script({1030});
+    Queue(MakeNode("add", "8:32", "a"));
+    UDEV_HandleEvent();
+    ASSERT_EQ(Left(), 1u);
+    Queue(MakeNode("remove", "8:32"));  // while the add still waits
+    UDEV_HandleEvent();
+    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:32", "a"), Remove("8:32")}));
+    EXPECT_EQ(Left(), 0u);
+}
+
+TEST_F(HandleTest, OnlyTheLastAddOrRemoveOfADeviceInABatchGoesOut)
+{
+    const struct {
+        std::vector<std::pair<const char *, const char *>> batch;  // tag: position
+        std::vector<DriverCall> sent;
+    } cases[] = {
+        {{{"add", "8:32"}, {"remove", "8:32"}}, {Remove("8:32")}},
+        {{{"change", "8:0"}, {"add", "8:0"}}, {Add("8:0", "1")}},
+        // The add has gone (and left the list) when the change's turn comes.
+        {{{"add", "8:0"}, {"change", "8:0"}}, {Add("8:0", "0"), Change("8:0")}},
+        {{{"change", "8:0"}, {"change", "8:0"}}, {Change("8:0"), Change("8:0")}},
+        {{{"add", "8:0"}, {"add", "8:0"}, {"add", "8:0"}}, {Add("8:0", "2")}},
+        {{{"add", "8:0"}, {"change", "8:16"}, {"remove", "8:0"}, {"add", "8:1"}},
+         {Change("8:16"), Remove("8:0"), Add("8:1", "3")}},
+    };
+    for (const auto &c : cases) {
+        driver_.ClearCalls();
+        for (size_t i = 0; i < c.batch.size(); ++i) {
+            Queue(MakeNode(c.batch[i].first, c.batch[i].second, std::to_string(i)));
+        }
+        UDEV_HandleEvent();
+        EXPECT_EQ(driver_.Calls(), c.sent) << Describe(driver_.Calls());
+        EXPECT_EQ(Left(), 0u);
+    }
+}
+
+// The reference: the walk exactly as the linear rule reads, with the
+// module's own UDEV_FindUdevEvent, retry check and dispatch.
+void ReferenceWalk(UdevListHead *list)
+{
+    UdevListHead *next = nullptr;
+    for (UdevListHead *pos = list->next; pos != list; pos = next) {
+        next = pos->next;
+        UdevEventNode *node = UDEV_NodeOf(pos);
+        if (UDEV_FindUdevEvent(list, node)) {
+            UDEV_DeleteEventNode(node);
+        } else if (!UDEV_CheckEventRetry(node)) {
+            if (UDEV_DispatchEventNode(node)) {
+                UDEV_DeleteEventNode(node);
+            } else {
+                UDEV_MarkEventRetry(node);
+            }
+        }
+    }
+}
+
+std::vector<std::string> Survivors(UdevListHead *list)
+{
+    std::vector<std::string> out;
+    for (UdevEventNode *node : NodesOf(list)) {
+        out.push_back(std::string(node->action) + node->devInfo + "@" + std::to_string(node->retryTime));
+    }
+    return out;
+}
+
+TEST_F(HandleTest, IndexedWalkMatchesTheLinearRuleOnRandomLists)
+{
+    std::mt19937 rng(20240501);
+    const char *actions[] = {"add", "remove", "change", "move"};
+    const char *devNums[] = {"8:0", "8:16", "259:0", "259:1"};
+    const int64_t ages[] = {0, 119, 120, 400, -50};
+    const int statuses[] = {1024, 1030, 1052, 1055, 1056, 1061, -1};
+    for (int round = 0; round < 500; ++round) {
+        size_t count = 1 + rng() % 30;
+        std::vector<int> replies(count);
+        for (int &reply : replies) {
+            reply = statuses[rng() % 7];
+        }
+        UdevListHead reference;
+        UDEV_ListInit(&reference);
+        for (size_t i = 0; i < count; ++i) {
+            const char *action = actions[rng() % (rng() % 8 == 0 ? 4 : 3)];
+            const char *devNum = devNums[rng() % (1 + round % 4)];
+            bool retry = rng() % 3 == 0;
+            int64_t retryTime = g_now.load() - ages[rng() % 5];
+            for (UdevListHead *list : {&reference, UDEV_GetWorkingList()}) {
+                UdevEventNode *node = MakeNode(action, devNum, std::to_string(i));
+                node->isRetry = retry ? 1 : 0;
+                node->retryTime = retry ? retryTime : 0;
+                UDEV_ListAddTail(&node->list, list);
+            }
+        }
+        driver_.ClearCalls();
+        driver_.Script(replies);
+        ReferenceWalk(&reference);
+        std::vector<DriverCall> linear = driver_.Calls();
+        driver_.ClearCalls();
+        driver_.Script(replies);
+        UDEV_HandleEvent();
+
+        ASSERT_EQ(driver_.Calls(), linear) << "round " << round << ": " << Describe(driver_.Calls()) << "\nlinear "
+                                           << Describe(linear);
+        ASSERT_EQ(Survivors(UDEV_GetWorkingList()), Survivors(&reference)) << "round " << round;
+        UDEV_DeleteEventList(&reference);
+        UDEV_DeleteEventList(UDEV_GetWorkingList());
+    }
+}
+
+TEST_F(HandleTest, StormOfOneDeviceSendsOnlyItsLastEvent)
+{
+    for (int i = 0; i < 20000; ++i) {
+        Queue(MakeNode(i % 3 == 0 ? "change" : i % 3 == 1 ? "add" : "remove", "8:0"));
+    }
+    Queue(MakeNode("add", "8:0", "last"));
+    UDEV_HandleEvent();
+    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:0", "last")}));
+}
+
+const char *g_vlunMajor = nullptr;
+const char *TestVlunMajor()
+{
+    return g_vlunMajor;
+}
+
+TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
+{
+    const struct {
+        const char *major, *action, *vlunMajor;
+        bool retry, armed;
+    } cases[] = {{"252", "add", "", false, false},        {"252", "add", nullptr, false, false},
+                 {"8", "add", "252", false, false},       {"252", "remove", "252", false, false},
+                 {"252", "change", "252", false, false},  {"252", "add", "252", true, false},
+                 {"252", "add", "252", false, true}};
+    UDEV_SetVlunMajorForTest(TestVlunMajor);
+    EventBed bed;
+    int disk = 0;
+    for (const auto &c : cases) {
+        UDEV_ClearActivateLvmRequest();
+        g_vlunMajor = c.vlunMajor;
+        std::string name = "qmnv" + std::to_string(disk);
+        std::string sysPath = bed.AddBlock(name.c_str(), c.major, std::to_string(disk++).c_str());
+        UdevDevicePtr device = bed.Receive(sysPath, c.action);
+        ASSERT_TRUE(device);
+        UdevEventNode *node = UDEV_AllocEventNode();
+        node->udevDev = device.release();
+        node->isRetry = c.retry ? 1 : 0;
+        node->retryTime = g_now.load();
+        Queue(node);
+        UDEV_HandleEvent();
+        for (unsigned tick = 0; tick < UDEV_LVM_DUE_TICKS; ++tick) {
+            UDEV_ActivateLvmTick();
+        }
+        EXPECT_EQ(UDEV_ActivateLvmDue(), c.armed) << c.major << " " << c.action << " retry " << c.retry;
+        // "qmnv*" is neither SCSI nor NVMe: enrichment drops new nodes.
+        EXPECT_EQ(Left(), c.retry ? 1u : 0u);
+        UDEV_DeleteEventList(UDEV_GetWorkingList());
+    }
+    UDEV_SetVlunMajorForTest(nullptr);
+    UDEV_ClearActivateLvmRequest();
+}
+
+class HandleThreadTest : public HandleTest {
+protected:
+    void SetUp() override
+    {
+        HandleTest::SetUp();
+        ASSERT_EQ(UDEV_CreateHandleThread(), UDEV_RET_OK);
+    }
+    void TearDown() override
+    {
+        UDEV_DestoryHandleThread();
+        EXPECT_EQ(UDEV_GetHandleThreadState(), UDEV_THREAD_STOP);
+        EXPECT_TRUE(UDEV_IsStop());
+        HandleTest::TearDown();  // locks the event-list mutex once more
+    }
+};
+
+TEST_F(HandleThreadTest, DestroyEndsTheThreadIdleInItsWait)
+{
+    EXPECT_EQ(UDEV_GetHandleThreadState(), UDEV_THREAD_RUNNING);
+}
+
+TEST_F(HandleThreadTest, DestroyWaitsOutADispatchInProgress)
+{
+    driver_.HoldNext();
+    UDEV_AddEventList(nullptr);
+    UDEV_AddEventNode(MakeNode("add", "8:0", "held"));
+    ASSERT_TRUE(driver_.WaitHeld());
+    std::thread destroyer(UDEV_DestoryHandleThread);
+    ASSERT_TRUE(WaitUntil([] { return UDEV_IsStop(); }));  // cancel is pending now
+    driver_.Release();
+    destroyer.join();
+    EXPECT_EQ(Left(), 0u) << "the walk ran to its end: the accepted node was deleted";
+}
+
+TEST_F(HandleThreadTest, DestroyAfterTheThreadEndedReturns)
+{
+    UDEV_SetStop();
+    UDEV_AddEventList(nullptr);
+    ASSERT_TRUE(WaitUntil([] {
+        UDEV_AddEventNode(nullptr);
+        return UDEV_GetHandleThreadState() == UDEV_THREAD_STOP;
+    }));
+}
+
+TEST_F(HandleThreadTest, WakeUpWithNothingQueuedStillRetries)
+{
+    driver_.Script({1030});
+    UDEV_AddEventList(nullptr);
+    UDEV_AddEventNode(MakeNode("remove", "8:0"));
+    // Wake-ups only from now on; the clock moves on with each, so the retry
+    // is due whenever the thread marked the node.
+    ASSERT_TRUE(WaitUntil([&] {
+        g_now.fetch_add(121);
+        UDEV_AddEventNode(nullptr);
+        return driver_.CallCount() == 2;
+    }));
+    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Remove("8:0"), Remove("8:0")}));
+}
+
+}  // namespace

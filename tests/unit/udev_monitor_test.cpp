@@ -1,0 +1,122 @@
+// The monitor thread against a umockdev testbed: received disks become bare
+// nodes, partitions never arrive, an interrupted poll is an idle poll, and
+// the thread ends on the stop flag or by cancellation with its libudev
+// objects released (LeakSanitizer checks the latter).
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <libudev.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "support/event_bed.h"
+#include "support/pipeline_support.h"
+#include "udev_event.h"
+#include "udev_log.h"
+#include "udev_monitor.h"
+#include "udev_thread.h"
+#include "util_ret.h"
+
+namespace {
+
+using namespace qmtest;
+
+class MonitorTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        UDEV_ResetFlagsForTest();
+        ASSERT_TRUE(UDEV_InitEventList());
+        UDEV_ListInit(&taken_);
+    }
+    void TearDown() override
+    {
+        UDEV_DestoryMonitorThread();
+        UDEV_DeleteEventList(&taken_);
+        UDEV_ReleaseEventList();
+        UDEV_ResetFlagsForTest();
+    }
+    // "action name" of every node taken so far.
+    std::vector<std::string> Taken()
+    {
+        std::vector<std::string> out;
+        for (UdevEventNode *node : NodesOf(&taken_)) {
+            EXPECT_STREQ(node->devNum, "") << "the monitor fills in nothing";
+            out.push_back(std::string(udev_device_get_action(node->udevDev)) + " " +
+                          udev_device_get_sysname(node->udevDev));
+        }
+        return out;
+    }
+    EventBed bed_;
+    std::string disk_ = bed_.AddBlock("sdm", "8", "192");
+    std::string partition_ = bed_.AddBlock("sdm1", "8", "193", "partition");
+    UdevListHead taken_;
+};
+
+void IgnoreSignal(int) {}
+
+TEST_F(MonitorTest, InterruptedPollIsAnIdlePollThatWakesTheHandleThread)
+{
+    struct sigaction action = {};
+    action.sa_handler = IgnoreSignal;  // no SA_RESTART: poll fails with EINTR
+    struct sigaction previous = {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    UdevPtr udev(udev_new());
+    UdevMonitorPtr monitor(udev_monitor_new_from_netlink(udev.get(), "udev"));
+    UDEV_AddEventList(nullptr);  // ready: a null wake-up signals
+    uint64_t signals = UDEV_GetEventSignalCountForTest();
+
+    std::atomic<int> result{0};
+    std::thread poller([&] { result.store(UDEV_WaitAndSendEvent(pipeFds[0], monitor.get())); });
+    pthread_t handle = poller.native_handle();
+    EXPECT_TRUE(WaitUntil([&] {
+        (void)pthread_kill(handle, SIGUSR1);
+        return result.load() != 0;
+    }));
+    poller.join();
+    EXPECT_EQ(result.load(), UDEV_RET_OK);
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 1);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    (void)sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST_F(MonitorTest, QueuesDisksButNeverPartitions)
+{
+    ASSERT_EQ(UDEV_CreateMonitorThread(), UDEV_RET_OK);
+    ASSERT_EQ(UDEV_GetMonitorThreadState(), UDEV_THREAD_RUNNING);
+    bed_.Send(partition_, "add");
+    bed_.Send(disk_, "add");
+    bed_.Send(partition_, "change");
+    bed_.Send(disk_, "remove");
+    ASSERT_TRUE(WaitUntil([&] {
+        (void)TakeQueued(&taken_);
+        return NodesOf(&taken_).size() >= 2;
+    }));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"add sdm", "remove sdm"}));
+    UDEV_DestoryMonitorThread();  // cancelled in its poll
+    EXPECT_EQ(UDEV_GetMonitorThreadState(), UDEV_THREAD_STOP);
+    EXPECT_TRUE(UDEV_IsStop());
+}
+
+TEST_F(MonitorTest, StopFlagEndsTheLoopAtTheNextEvent)
+{
+    ASSERT_EQ(UDEV_CreateMonitorThread(), UDEV_RET_OK);
+    UDEV_AddEventList(nullptr);
+    uint64_t signals = UDEV_GetEventSignalCountForTest();
+    UDEV_SetStop();
+    bed_.Send(disk_, "change");
+    // A normal end: the event is queued, then the end's own wake-up.
+    ASSERT_TRUE(WaitUntil([] { return UDEV_GetMonitorThreadState() == UDEV_THREAD_STOP; }));
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
+    ASSERT_TRUE(TakeQueued(&taken_));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"change sdm"}));
+}
+
+}  // namespace
