@@ -18,6 +18,8 @@
 //
 // Input layout (all numbers little-endian; missing bytes read as 0):
 //   u32 status, u32 dataLen, u32 needLen, u16 recordSize, u16 n, n bytes   (1)
+//      (recordSize: 16 + its value mod 4096, or below 16 when its top bit
+//      is set and the next three bits are clear)
 //   u8 rounds, then per round: u8 kind (0 = ioctl fails), u32 status,
 //      u32 dataLen, u32 needLen, u16 n, n bytes of data                    (2)
 //   u8 events, then per event: u8 request, i8 ret, u32 status, u16 n,
@@ -77,19 +79,29 @@ void CheckDeviceNums(Reader &in)
     uint32_t status = in.Take<uint32_t>();
     uint32_t dataLen = in.Take<uint32_t>();
     uint32_t needLen = in.Take<uint32_t>();
-    size_t recordSize = MISC_CTRL_HEAD_LEN + in.Take<uint16_t>() % 4096;
+    uint16_t sizeWord = in.Take<uint16_t>();
     std::string data = in.Bytes(in.Take<uint16_t>());
+    // Mostly whole records; now and then a block shorter than the header,
+    // which must be refused without reading a field of it.
+    size_t recordSize = (sizeWord & 0x8000) != 0 && (sizeWord & 0x7000) == 0 ? sizeWord % MISC_CTRL_HEAD_LEN :
+                                                                               MISC_CTRL_HEAD_LEN + sizeWord % 4096;
 
-    auto *param = static_cast<MiscCtrlParam *>(std::malloc(recordSize));
-    std::memset(param, 0, recordSize);
-    param->status = status;
-    param->bufLen = static_cast<uint32_t>(recordSize - MISC_CTRL_HEAD_LEN);
-    param->dataLen = dataLen;
-    param->needLen = needLen;
-    std::memcpy(DataOf(param), data.data(), std::min(data.size(), recordSize - MISC_CTRL_HEAD_LEN));
+    auto *block = static_cast<unsigned char *>(std::malloc(recordSize == 0 ? 1 : recordSize));
+    auto *param = reinterpret_cast<MiscCtrlParam *>(block);
+    if (recordSize >= MISC_CTRL_HEAD_LEN) {
+        std::memset(param, 0, recordSize);
+        param->status = status;
+        param->bufLen = static_cast<uint32_t>(recordSize - MISC_CTRL_HEAD_LEN);
+        param->dataLen = dataLen;
+        param->needLen = needLen;
+        std::memcpy(DataOf(param), data.data(), std::min(data.size(), recordSize - MISC_CTRL_HEAD_LEN));
+    } else {
+        std::memset(block, 0, recordSize == 0 ? 1 : recordSize);
+    }
 
     MallocPtr<char> nums = UTIL_MiscAllocDeviceNums(param, recordSize);
-    bool expectCopy = status == kStatusOk && dataLen <= recordSize - MISC_CTRL_HEAD_LEN;
+    bool expectCopy = recordSize >= MISC_CTRL_HEAD_LEN && status == kStatusOk &&
+                      dataLen <= recordSize - MISC_CTRL_HEAD_LEN;
     FUZZ_CHECK((nums != nullptr) == expectCopy,
                "UTIL_MiscAllocDeviceNums(status %u, dataLen %u, record of %zu bytes) %s", status, dataLen, recordSize,
                nums ? "copied a reply it must refuse" : "refused a good reply");
@@ -97,7 +109,7 @@ void CheckDeviceNums(Reader &in)
         FUZZ_CHECK(std::memcmp(nums.get(), DataOf(param), dataLen) == 0 && nums.get()[dataLen] == '\0',
                    "UTIL_MiscAllocDeviceNums copied the wrong bytes");
     }
-    std::free(param);
+    std::free(block);
 }
 
 struct Round {

@@ -42,6 +42,8 @@ seeds = {
     "get-ioctl-fails": nums(SHORT, 0, 4000, 16) + rounds((0, 0, 0, 0, b"")) + events() + tail(-1),
     "get-datalen-beyond-record": nums(OK, 5000, 0, 100, LIST) + rounds((1, OK, 1028, 0, LIST)) + events() + tail(),
     "get-needlen-above-limit": nums(1030, 0, 0, 16) + rounds((1, SHORT, 0, 0x7FFFFFFF, b"")) + events() + tail(),
+    # Record sizes below 16 (the header): 0x8000 | size.
+    "reply-block-shorter-than-header": nums(OK, 4, 0, 0x8008) + rounds() + events() + tail(),
     "events-add-remove-change": nums(OK, 0, 0, 16) + rounds()
     + events((0, 0, 1061, b"8:32 scsi QUILLMSH QM-ARRAY 2:0:1:3"), (1, 0, 1055, b"8:32"), (2, -1, 0, b"8:32"),
              (0, 0, 1052, b"259:2 nvme QUILLMSH QMNVME 3:0:2:2"), (1, 0, 1056, b"259:2"))
