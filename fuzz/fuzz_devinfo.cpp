@@ -501,7 +501,7 @@ struct Topology {
     bool underSubsystem = false;
 };
 
-void ReferenceScsi(const Topology &t, const DevicePtr &block, Expect &e)
+void ReferenceScsi(const Topology &t, Expect &e)
 {
     DevicePtr scsi(t.scsi);
     Opt vendorAttr = scsi.Attr("vendor");
@@ -539,7 +539,6 @@ void ReferenceScsi(const Topology &t, const DevicePtr &block, Expect &e)
         e.transportId = c;
         return;
     }
-    (void)block;
     for (const std::string &path : t.chain) {
         DevicePtr d(path);
         int n;
@@ -715,7 +714,7 @@ void CheckAdd(const Input &in)
         if (t.nvme) {
             ReferenceNvme(t, block, e);
         } else {
-            ReferenceScsi(t, block, e);
+            ReferenceScsi(t, e);
         }
     }
 
