@@ -141,8 +141,11 @@ void Sandbox::EnsureUmockdevPreload(char **argv)
     ::setenv("LD_PRELOAD", value.c_str(), 1);
     ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
     const char *asan = std::getenv("ASAN_OPTIONS");
-    std::string asanOptions = std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
+    std::string asanOptions = std::string(asan != nullptr && asan[0] != '\0' ? asan : "detect_leaks=1") +
+                              ":verify_asan_link_order=0";
     ::setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
+    ::setenv("UBSAN_OPTIONS", "print_stacktrace=1:halt_on_error=1", 0);
+    ::setenv("TSAN_OPTIONS", "halt_on_error=1:second_deadlock_stack=1", 0);
     ::execv("/proc/self/exe", argv);
     Fail("re-execute under umockdev's preload");
 }

@@ -493,6 +493,9 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
     if (testbed_ == nullptr) {
         throw std::runtime_error("umockdev_testbed_new failed");
     }
+    gchar *root = umockdev_testbed_get_root_dir(testbed_);  // ours to free
+    root_ = root;
+    g_free(root);
     try {
         watcher_ = std::make_unique<AttributeWatcher>();
     } catch (...) {
@@ -517,7 +520,7 @@ Testbed::~Testbed()
 
 std::string Testbed::Root() const
 {
-    return umockdev_testbed_get_root_dir(testbed_);
+    return root_;
 }
 
 std::string Testbed::AddDevice(const std::string &subsystem, const std::string &name, const std::string &parent,

@@ -1,6 +1,7 @@
 // The misc-device channel against a scripted fake driver: request numbers,
 // records on the wire, status pass-through, the GET size negotiation, and
 // replies that a broken or hostile driver might send.
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -388,24 +389,31 @@ TEST(MiscAllocDeviceNumsTest, ReplySizesAreCheckedAgainstTheOfferedArea)
         const char *name;
         uint32_t status;
         uint32_t dataLen;
-        size_t recordSize;
+        size_t recordSize;     // the block is exactly this large
         const char *expected;  // null: refused
     } rows[] = {
+        {"block smaller than the header", 1024, 0, 8, nullptr},
+        {"block of one byte", 1024, 0, 1, nullptr},
         {"status not OK", 1038, 4, 64, nullptr},
-        {"block smaller than the header", 1024, 1, 8, nullptr},
         // A record of 64 bytes offers 45 (its bufLen); the 3 bytes behind are spare.
         {"dataLen one past the area", 1024, 46, 64, nullptr},
         {"dataLen fills the area", 1024, 45, 64, "8:16"},
         {"dataLen 0", 1024, 0, 64, ""},
         {"dataLen 0 in a header-only block", 1024, 0, 16, ""},
+        {"dataLen 1 in a header-only block", 1024, 1, 16, nullptr},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        std::vector<char> block(row.recordSize < 64 ? 64 : row.recordSize, '\0');
-        auto *param = reinterpret_cast<MiscCtrlParam *>(block.data());
-        param->status = row.status;
-        param->dataLen = row.dataLen;
-        std::memcpy(block.data() + MISC_CTRL_HEAD_LEN, "8:16", 4);
+        MallocPtr<char> block(static_cast<char *>(std::calloc(1, row.recordSize)));
+        ASSERT_NE(block, nullptr);
+        auto *param = reinterpret_cast<MiscCtrlParam *>(block.get());
+        if (row.recordSize >= MISC_CTRL_HEAD_LEN) {
+            param->status = row.status;
+            param->dataLen = row.dataLen;
+        }
+        if (row.recordSize >= MISC_CTRL_HEAD_LEN + 4) {
+            std::memcpy(block.get() + MISC_CTRL_HEAD_LEN, "8:16", 4);
+        }
         MallocPtr<char> list = UTIL_MiscAllocDeviceNums(param, row.recordSize);
         if (row.expected == nullptr) {
             EXPECT_EQ(list, nullptr);

@@ -234,6 +234,11 @@ MallocPtr<MiscCtrlParam> UTIL_MiscAllocCtrlNode(const char *text, uint32_t len)
 MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t recordSize)
 {
     MPI_AssertNotNull(param);
+    // A block without a whole header has no status or dataLen to read.
+    if (recordSize < MISC_CTRL_HEAD_LEN) {
+        MPI_Log(MPI_LOG_ERROR, "alloc devnums: reply block of {%zu} bytes has no header.\n", recordSize);
+        return nullptr;
+    }
     if (param->status != static_cast<uint32_t>(UDEV_RET_OK)) {
         MPI_Log(MPI_LOG_ERROR, "alloc devnums fail with ret{%d}.\n", static_cast<int>(param->status));
         return nullptr;

@@ -65,7 +65,9 @@ public:
     static bool InPrivateNamespace();
     // The lab process itself must run under umockdev's preload (umockdev
     // checks parents through it). If it does not, re-executes the program
-    // with the preload and the settings that go with it; returns otherwise.
+    // with the preload and the settings that go with it
+    // (SYSTEMD_DEVICE_VERIFY_SYSFS=0, sanitizer options that allow a preload
+    // ahead of the runtime); returns otherwise.
     static void EnsureUmockdevPreload(char **argv);
 
     explicit Sandbox(SandboxOptions options = {});

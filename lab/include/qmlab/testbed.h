@@ -225,6 +225,7 @@ private:
     void Watch(const std::string &syspath, const std::string &name);
 
     UMockdevTestbed *testbed_ = nullptr;
+    std::string root_;
     std::unique_ptr<AttributeWatcher> watcher_;
     std::unique_ptr<OpenGate> gate_;
     std::vector<std::string> readOnlyMounts_;  // unmounted before the tree goes
