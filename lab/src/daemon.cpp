@@ -303,9 +303,9 @@ std::vector<std::string> SanitizerReports(const std::string &stderrText)
     return reports;
 }
 
-void SetSanitizerReportHandler(SanitizerReportHandler handler)
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler)
 {
-    g_sanitizerHandler.store(handler);
+    return g_sanitizerHandler.exchange(handler);
 }
 
 std::string Daemon::Stdout() const
