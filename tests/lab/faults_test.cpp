@@ -259,8 +259,14 @@ TEST(FaultsDriverEvent, RefusedEventsAreSentAgainAfterTwoMinutesUntilTaken)
         // Not before two minutes of the daemon's own clock. An ADD's records
         // carry its text, which starts with the device number and a blank.
         std::string key = "{" + devNum + (row.op == DriverOp::Add ? " " : "}");
+        std::string takenText = "action{" + action + "} with ret{1024}.";
+        // The daemon logs the answer after the driver has given it.
+        EXPECT_TRUE(Eventually([&] {
+            trace = lab.TraceLog();
+            return FirstRecord(trace, key, takenText) != nullptr;
+        }));
         const TraceRecord *failed = FirstRecord(trace, key, row.firstRecord);
-        const TraceRecord *taken = FirstRecord(trace, key, "action{" + action + "} with ret{1024}.");
+        const TraceRecord *taken = FirstRecord(trace, key, takenText);
         ASSERT_NE(failed, nullptr);
         ASSERT_NE(taken, nullptr);
         EXPECT_GE(RecordSeconds(*taken) - RecordSeconds(*failed), 120) << failed->raw << taken->raw;
