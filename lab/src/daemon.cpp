@@ -55,6 +55,21 @@ void SetVar(std::vector<std::string> &env, const std::string &name, const std::s
 }
 
 std::atomic<int> g_daemonCount{0};
+std::atomic<SanitizerReportHandler> g_sanitizerHandler{nullptr};
+
+bool StartsReport(const std::string &line)
+{
+    static const char *const kMarks[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                         "WARNING: ThreadSanitizer", "ERROR: ThreadSanitizer",
+                                         "FATAL: ThreadSanitizer", "ERROR: UndefinedBehaviorSanitizer",
+                                         "runtime error:"};
+    for (const char *mark : kMarks) {
+        if (line.find(mark) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -124,6 +139,7 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     }
 
     std::string binary = options.binary.empty() ? DaemonBinaryPath() : options.binary;
+    binary_ = binary;
     if (::access(binary.c_str(), X_OK) < 0) {
         throw std::system_error(errno, std::generic_category(), "daemon binary " + binary);
     }
@@ -156,7 +172,10 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     sigset_t all;
     sigfillset(&all);
     posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // A process group of its own, so that what it starts (shells, the lvm
+    // stub) goes down with it when the lab kills it.
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     int rc = ::posix_spawn(&pid_, binary.c_str(), &actions, &attr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
@@ -168,12 +187,21 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
 
 Daemon::~Daemon()
 {
+    if (pid_ > 0) {
+        ::kill(-pid_, SIGKILL);  // its group: children it left behind, too
+    }
     if (!status_ && pid_ > 0) {
         ::kill(pid_, SIGKILL);
         Reap(true);
     }
     if (pidfd_ >= 0) {
         ::close(pidfd_);
+    }
+    SanitizerReportHandler handler = g_sanitizerHandler.load();
+    if (handler != nullptr && pid_ > 0) {
+        for (const auto &report : SanitizerReports(Stderr())) {
+            handler(binary_, report);
+        }
     }
 }
 
@@ -244,6 +272,43 @@ ExitStatus Daemon::Stop(Clock::duration grace)
     Signal(SIGKILL);
     Reap(true);
     return *status_;
+}
+
+std::vector<std::string> SanitizerReports(const std::string &stderrText)
+{
+    std::vector<std::string> reports;
+    std::string current;
+    bool inReport = false;
+    size_t lines = 0;
+    size_t pos = 0;
+    while (pos < stderrText.size()) {
+        size_t end = stderrText.find('\n', pos);
+        std::string line = stderrText.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        pos = end == std::string::npos ? stderrText.size() : end + 1;
+        if (!inReport && StartsReport(line)) {
+            inReport = true;
+            current.clear();
+            lines = 0;
+        }
+        if (!inReport) {
+            continue;
+        }
+        current += line + "\n";
+        // UBSan's "runtime error:" report is one line unless a stack follows.
+        if (line.find("SUMMARY: ") != std::string::npos || ++lines >= 200) {
+            reports.push_back(current);
+            inReport = false;
+        }
+    }
+    if (inReport) {
+        reports.push_back(current);
+    }
+    return reports;
+}
+
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler)
+{
+    return g_sanitizerHandler.exchange(handler);
 }
 
 std::string Daemon::Stdout() const

@@ -75,12 +75,26 @@ private:
     std::optional<ExitStatus> status_;
     std::string outPath_;
     std::string errPath_;
+    std::string binary_;
     std::vector<std::string> env_;
 };
 
 }  // namespace qmlab
 
 namespace qmlab {
+// Reports of the sanitizer runtimes (AddressSanitizer, LeakSanitizer,
+// ThreadSanitizer, UndefinedBehaviorSanitizer) in a program's standard
+// error, one entry per report, each cut at its SUMMARY line.
+std::vector<std::string> SanitizerReports(const std::string &stderrText);
+// An instrumented daemon that finds a fault reports it on its standard
+// error and may exit with an ordinary status (ASan's is 1, which a failed
+// start-up also gives), so a status alone proves nothing. When a Daemon
+// ends, every report in its standard error goes to this handler; the lab's
+// test main makes each one a test failure.
+using SanitizerReportHandler = void (*)(const std::string &program, const std::string &report);
+// Returns the handler it replaces.
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler);
+
 // The lab's ioctl probe, a stand-in client of the driver [QMLAB_PROBE].
 std::string IoctlProbePath();
 }  // namespace qmlab
