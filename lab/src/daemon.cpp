@@ -40,7 +40,7 @@ std::string FromEnv(const char *name, const char *builtIn)
 bool Dropped(const std::string &entry)
 {
     static const char *const kNames[] = {"LD_PRELOAD=", "UMOCKDEV_DIR=", "NOTIFY_SOCKET=", "FAKETIME", "ASAN_OPTIONS=",
-                                         "SYSTEMD_DEVICE_VERIFY_SYSFS="};
+                                         "TSAN_OPTIONS=", "SYSTEMD_DEVICE_VERIFY_SYSFS="};
     for (const char *name : kNames) {
         if (entry.rfind(name, 0) == 0) {
             return true;
@@ -146,6 +146,9 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     const char *asan = std::getenv("ASAN_OPTIONS");
     std::string asanOptions = asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : std::string();
     SetVar(env_, "ASAN_OPTIONS", asanOptions + "verify_asan_link_order=0:detect_leaks=1");
+    // The lab's own suppressions are not the daemon's.
+    SetVar(env_, "TSAN_OPTIONS",
+           std::string("halt_on_error=1:second_deadlock_stack=1:suppressions=") + QMLAB_TSAN_DAEMON_SUPP);
     SetVar(env_, "NOTIFY_SOCKET", context.notifySocket);
     if (options.driver) {
         SetVar(env_, wire::kSocketEnv, context.driverSocket);
@@ -411,9 +414,9 @@ std::vector<std::string> SanitizerReports(const std::string &stderrText)
     return reports;
 }
 
-void SetSanitizerReportHandler(SanitizerReportHandler handler)
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler)
 {
-    g_sanitizerHandler.store(handler);
+    return g_sanitizerHandler.exchange(handler);
 }
 
 std::string Daemon::Stdout() const

@@ -243,8 +243,10 @@ MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t reco
         MPI_Log(MPI_LOG_ERROR, "alloc devnums fail with ret{%d}.\n", static_cast<int>(param->status));
         return nullptr;
     }
+    // Only the bufLen bytes offered to the driver were zeroed and may hold its
+    // text; the three spare bytes behind them are uninitialised heap.
     uint32_t dataLen = param->dataLen;
-    size_t dataArea = recordSize - MISC_CTRL_HEAD_LEN;
+    size_t dataArea = recordSize >= MISC_CTRL_EXTRA_LEN ? recordSize - MISC_CTRL_EXTRA_LEN + 1 : 0;
     if (dataLen > dataArea || dataLen > MISC_GET_MAX_LEN) {
         MPI_Log(MPI_LOG_ERROR, "alloc devnums: reply dataLen{%u} exceeds its data area{%zu}.\n", dataLen,
                 dataArea);

@@ -106,7 +106,8 @@ std::vector<std::string> SanitizerReports(const std::string &stderrText);
 // ends, every report in its standard error goes to this handler; the lab's
 // test main makes each one a test failure.
 using SanitizerReportHandler = void (*)(const std::string &program, const std::string &report);
-void SetSanitizerReportHandler(SanitizerReportHandler handler);
+// Returns the handler it replaces.
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler);
 
 // The lab's ioctl probe, a stand-in client of the driver [QMLAB_PROBE].
 std::string IoctlProbePath();
