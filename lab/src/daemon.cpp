@@ -1,17 +1,24 @@
 #include "qmlab/daemon.h"
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstddef>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,13 +40,25 @@ std::string FromEnv(const char *name, const char *builtIn)
 bool Dropped(const std::string &entry)
 {
     static const char *const kNames[] = {"LD_PRELOAD=", "UMOCKDEV_DIR=", "NOTIFY_SOCKET=", "FAKETIME", "ASAN_OPTIONS=",
-                                         "SYSTEMD_DEVICE_VERIFY_SYSFS="};
+                                         "TSAN_OPTIONS=", "SYSTEMD_DEVICE_VERIFY_SYSFS="};
     for (const char *name : kNames) {
         if (entry.rfind(name, 0) == 0) {
             return true;
         }
     }
-    return entry.rfind(wire::kSocketEnv, 0) == 0;
+    return entry.rfind(wire::kSocketEnv, 0) == 0 || entry.rfind(wire::kPollFaultEnv, 0) == 0;
+}
+
+// Whether one thread's /proc/<pid>/task/<tid>/syscall shows it asleep in
+// poll or ppoll: "running" while it runs, else the number of the call.
+bool SleepsInPoll(const std::string &syscallFile)
+{
+    std::string text = ReadFile(syscallFile).value_or("");
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0]))) {
+        return false;
+    }
+    long nr = std::strtol(text.c_str(), nullptr, 10);
+    return nr == SYS_poll || nr == SYS_ppoll;
 }
 
 void SetVar(std::vector<std::string> &env, const std::string &name, const std::string &value)
@@ -127,10 +146,17 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     const char *asan = std::getenv("ASAN_OPTIONS");
     std::string asanOptions = asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : std::string();
     SetVar(env_, "ASAN_OPTIONS", asanOptions + "verify_asan_link_order=0:detect_leaks=1");
+    // The lab's own suppressions are not the daemon's.
+    SetVar(env_, "TSAN_OPTIONS",
+           std::string("halt_on_error=1:second_deadlock_stack=1:suppressions=") + QMLAB_TSAN_DAEMON_SUPP);
     SetVar(env_, "NOTIFY_SOCKET", context.notifySocket);
     if (options.driver) {
         SetVar(env_, wire::kSocketEnv, context.driverSocket);
     }
+    int n = ++g_daemonCount;
+    pollFaultPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".poll-fault";
+    SetVar(env_, wire::kPollFaultEnv, pollFaultPath_);
+    testbedRoot_ = context.testbedRoot;
     for (const auto &[k, v] : options.env) {
         SetVar(env_, k, v);
     }
@@ -140,7 +166,6 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     if (::access(binary.c_str(), X_OK) < 0) {
         throw std::system_error(errno, std::generic_category(), "daemon binary " + binary);
     }
-    int n = ++g_daemonCount;
     outPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".out";
     errPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".err";
 
@@ -269,6 +294,92 @@ ExitStatus Daemon::Stop(Clock::duration grace)
     Signal(SIGKILL);
     Reap(true);
     return *status_;
+}
+
+namespace {
+
+// The number of bytes waiting in the daemon's udev monitor sockets, read
+// through duplicates of its descriptors (pidfd_getfd): a Unix datagram
+// socket reports the size of its next datagram, 0 when its queue is empty.
+// nullopt while it has no monitor socket of the testbed.
+std::optional<long> MonitorBacklog(int pidfd, pid_t pid, const std::string &testbedRoot)
+{
+    std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+    DIR *dir = ::opendir(fds.c_str());
+    if (dir == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<long> backlog;
+    std::string prefix = testbedRoot + "/event";
+    while (dirent *e = ::readdir(dir)) {
+        char link[64] = {};
+        std::string entry = fds + "/" + e->d_name;
+        if (e->d_name[0] == '.' || ::readlink(entry.c_str(), link, sizeof(link) - 1) <= 0 ||
+            std::strncmp(link, "socket:", 7) != 0) {
+            continue;
+        }
+        int fd = static_cast<int>(::syscall(SYS_pidfd_getfd, pidfd, std::atoi(e->d_name), 0));
+        if (fd < 0) {
+            continue;
+        }
+        sockaddr_un addr{};
+        socklen_t len = sizeof(addr);
+        int queued = 0;
+        if (::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) == 0 && addr.sun_family == AF_UNIX &&
+            len > offsetof(sockaddr_un, sun_path) && addr.sun_path[0] != '\0' &&
+            std::string(addr.sun_path).rfind(prefix, 0) == 0 && ::ioctl(fd, SIOCINQ, &queued) == 0) {
+            backlog = backlog.value_or(0) + queued;
+        }
+        ::close(fd);
+    }
+    ::closedir(dir);
+    return backlog;
+}
+
+bool SomeThreadSleepsInPoll(pid_t pid)
+{
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR *dir = ::opendir(tasks.c_str());
+    if (dir == nullptr) {
+        return false;
+    }
+    bool found = false;
+    while (dirent *e = ::readdir(dir)) {
+        if (e->d_name[0] != '.' && SleepsInPoll(tasks + "/" + e->d_name + "/syscall")) {
+            found = true;
+            break;
+        }
+    }
+    ::closedir(dir);
+    return found;
+}
+
+}  // namespace
+
+bool Daemon::WaitMonitorIdle(Clock::duration timeout)
+{
+    if (pidfd_ < 0) {
+        return false;
+    }
+    // In this order: a thread seen asleep in poll after its queue was seen
+    // empty went back to poll after its last receive. (A look at poll alone
+    // could still see the old wait of a thread whose wake-up is in flight.)
+    return Eventually(
+        [&] {
+            auto backlog = MonitorBacklog(pidfd_, pid_, testbedRoot_);
+            return backlog && *backlog == 0 && SomeThreadSleepsInPoll(pid_);
+        },
+        timeout);
+}
+
+void Daemon::FailNextPoll(int err)
+{
+    // Renamed into place: the shim never sees the file half written.
+    std::string staged = pollFaultPath_ + ".new";
+    WriteFile(staged, std::to_string(err) + "\n");
+    if (::rename(staged.c_str(), pollFaultPath_.c_str()) < 0) {
+        throw std::system_error(errno, std::generic_category(), "arm poll fault " + pollFaultPath_);
+    }
 }
 
 std::vector<std::string> SanitizerReports(const std::string &stderrText)

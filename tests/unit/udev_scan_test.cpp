@@ -93,7 +93,8 @@ void CaptureHandOver(UdevListHead *list)
     UDEV_DeleteEventList(list);
 }
 
-class ScanTest : public ::testing::Test {
+// The scan's list, its seams and the trace; no udev devices.
+class ScanListTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -102,17 +103,11 @@ protected:
         dir_ = pattern;
         tracePath_ = dir_ + "/trace.txt";
         ASSERT_EQ(MPI_SetLogFile(tracePath_.c_str()), UDEV_RET_OK);
-        setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
-        testbed_ = umockdev_testbed_new();
-        ASSERT_NE(testbed_, nullptr);
         g_driverList.clear();
         g_handOvers = 0;
         g_handedOver.clear();
         UDEV_SetScanHandOverForTest(CaptureHandOver);
         UTIL_MiscSetForTest(kFakeFd, FakeDriver);
-        std::string config = dir_ + "/qm_plus.conf";
-        std::ofstream(config) << "[vendors]\nvendor_id=VENDOR,product_id=PRODUCT\n";
-        ASSERT_TRUE(UDEV_InitConfigFromPath(config.c_str()));
     }
 
     void TearDown() override
@@ -121,11 +116,48 @@ protected:
         UDEV_SetScanHandOverForTest(nullptr);
         UDEV_SetScanIndexBudgetForTest(-1);
         UTIL_MiscSetForTest(-1, nullptr);
-        UDEV_ReleaseConfig();
-        g_object_unref(testbed_);
         nftw(
             dir_.c_str(), [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 8,
             FTW_DEPTH | FTW_PHYS);
+    }
+
+    std::string Trace() const
+    {
+        std::ifstream in(tracePath_, std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    bool TraceHas(const std::string &text) const { return Trace().find(text) != std::string::npos; }
+
+    static constexpr int kFakeFd = 1000;
+    std::string dir_;
+    std::string tracePath_;
+};
+
+// The whole scan: a umockdev testbed for udev's side and a vendor list that
+// supports VENDOR/PRODUCT.
+class ScanTest : public ScanListTest {
+protected:
+    void SetUp() override
+    {
+        ScanListTest::SetUp();
+        setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
+        testbed_ = umockdev_testbed_new();
+        ASSERT_NE(testbed_, nullptr);
+        std::string config = dir_ + "/qm_plus.conf";
+        std::ofstream(config) << "[vendors]\nvendor_id=VENDOR,product_id=PRODUCT\n";
+        ASSERT_TRUE(UDEV_InitConfigFromPath(config.c_str()));
+    }
+
+    void TearDown() override
+    {
+        UDEV_ReleaseConfig();
+        if (testbed_ != nullptr) {
+            g_object_unref(testbed_);
+        }
+        ScanListTest::TearDown();
     }
 
     // A whole SCSI disk as the kernel shows it: the "scsi" device named by
@@ -145,19 +177,6 @@ protected:
         g_free(scsi);
     }
 
-    std::string Trace() const
-    {
-        std::ifstream in(tracePath_, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    bool TraceHas(const std::string &text) const { return Trace().find(text) != std::string::npos; }
-
-    static constexpr int kFakeFd = 1000;
-    std::string dir_;
-    std::string tracePath_;
     std::string lastDisk_;
     UMockdevTestbed *testbed_ = nullptr;
 };
@@ -188,7 +207,7 @@ TEST_F(ScanTest, ClosedChannelDropsWholeBatch)
     EXPECT_TRUE(TraceHas("Update physical device failed.\n"));
 }
 
-TEST_F(ScanTest, GetDevFailsWithoutTouchingTheList)
+TEST_F(ScanListTest, GetDevFailsWithoutTouchingTheList)
 {
     UTIL_MiscSetForTest(kFakeFd, BrokenDriver);
     Append(UDEV_GetScanListForTest(), "8:0", "add");
@@ -208,6 +227,20 @@ TEST_F(ScanTest, AddsInEnumerationOrderThenRemovesInDriverOrder)
     EXPECT_EQ(g_handOvers, 1);
     EXPECT_EQ(g_handedOver, (Batch{Add("8:0"), Add("8:16"), Remove("8:32")}));
     EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
+}
+
+TEST_F(ScanTest, BatchGoesToTheEventListInOneHandOver)
+{
+    UDEV_SetScanHandOverForTest(nullptr);
+    ASSERT_TRUE(UDEV_InitEventList());
+    AddScsiDisk("0:0:0:0", "sda", "8", "0");
+    g_driverList = "8:32";
+    uint64_t signalsBefore = UDEV_GetEventSignalCountForTest();
+
+    ASSERT_TRUE(UDEV_Scan());
+    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signalsBefore + 1);
+    EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
+    UDEV_ReleaseEventList();  // the two nodes go with the list
 }
 
 TEST_F(ScanTest, EmptyDriverListGivesAddsOnly)
@@ -288,7 +321,7 @@ void PrintTo(const SplitCase &c, std::ostream *os)
     *os << c.name;
 }
 
-class SplitTest : public ScanTest, public ::testing::WithParamInterface<SplitCase> {};
+class SplitTest : public ScanListTest, public ::testing::WithParamInterface<SplitCase> {};
 
 TEST_P(SplitTest, AppendsRemovesForUnknownNumbers)
 {
@@ -363,7 +396,7 @@ std::string RandomDevNum(std::mt19937 &random)
     return std::to_string(number(random) % 4 + 8) + ":" + std::to_string(number(random) * 16);
 }
 
-TEST_F(ScanTest, IndexedLookupEqualsLinearLookup)
+TEST_F(ScanListTest, IndexedLookupEqualsLinearLookup)
 {
     std::mt19937 random(4242);
     std::uniform_int_distribution<int> count(0, 120);
@@ -399,7 +432,7 @@ TEST_F(ScanTest, IndexedLookupEqualsLinearLookup)
     }
 }
 
-TEST_F(ScanTest, ThousandsOfPathsReconcile)
+TEST_F(ScanListTest, ThousandsOfPathsReconcile)
 {
     std::vector<std::string> adds;
     std::string text;
@@ -433,7 +466,7 @@ void PrintTo(const NodeCase &c, std::ostream *os)
     *os << c.name;
 }
 
-class NodeByDevNumTest : public ScanTest, public ::testing::WithParamInterface<NodeCase> {};
+class NodeByDevNumTest : public ScanListTest, public ::testing::WithParamInterface<NodeCase> {};
 
 TEST_P(NodeByDevNumTest, BuildsWithinFieldSizes)
 {
@@ -464,7 +497,7 @@ const NodeCase kNodeCases[] = {
 INSTANTIATE_TEST_SUITE_P(Fields, NodeByDevNumTest, ::testing::ValuesIn(kNodeCases),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST_F(ScanTest, InquiryFindsFirstEqualNode)
+TEST_F(ScanListTest, InquiryFindsFirstEqualNode)
 {
     UdevListHead list;
     UDEV_ListInit(&list);

@@ -67,6 +67,18 @@ public:
     std::string Stderr() const;
     const std::vector<std::string> &Environment() const { return env_; }
 
+    // True once every event sent to the daemon's udev monitors has been
+    // received (their sockets' queues are empty) and, after that, a thread
+    // of the daemon sleeps in poll(2); false at the deadline. For qmudev
+    // that thread is its monitor thread back in its wait, so every event
+    // sent before the call has been queued on the daemon's event list.
+    bool WaitMonitorIdle(Clock::duration timeout);
+    // Fault injection through the driver shim: the daemon's next poll(2)
+    // fails with `err`, once. For qmudev that is its monitor thread's wait
+    // (a thread blocked in poll already is not interrupted: it meets the
+    // fault on its next call, after its next event).
+    void FailNextPoll(int err);
+
 private:
     bool Reap(bool block);
 
@@ -76,6 +88,8 @@ private:
     std::string outPath_;
     std::string errPath_;
     std::string binary_;
+    std::string pollFaultPath_;
+    std::string testbedRoot_;
     std::vector<std::string> env_;
 };
 
