@@ -152,9 +152,9 @@ struct Scenario {
     size_t nvme = 0;
 };
 
-// N whole disks: 40 % FC over 4 HBAs (256 LUNs per remote port), 30 %
-// iSCSI (256 LUNs per session, sessions spread over 4 hosts), 30 % NVMe
-// (256 namespaces per controller). The driver holds every disk's number
+// N whole disks: 40 % FC, each LUN over 4 HBAs (256 LUNs per remote port
+// and target), 30 % iSCSI (256 LUNs per session, a host per session), 30 %
+// NVMe (256 namespaces per controller). The driver holds every disk's number
 // (a restart of the daemon) and N/100 numbers that udev no longer has.
 Scenario BuildScenario(Lab &lab, size_t n)
 {
@@ -172,8 +172,9 @@ Scenario BuildScenario(Lab &lab, size_t n)
         FcDiskSpec spec;
         spec.host = static_cast<int>(2 + path);
         spec.channel = 0;
+        // One SCSI target per remote port, numbered per host as the kernel does.
         spec.port = static_cast<int>(7 + lunIndex / 256);
-        spec.target = 1;
+        spec.target = static_cast<int>(1 + lunIndex / 256);
         spec.lun = static_cast<int>(lunIndex % 256);
         spec.devLossTmo = qmbench::kDevLossTmo;
         spec.fastIoFailTmo = qmbench::kFastIoFailTmo;
@@ -183,7 +184,7 @@ Scenario BuildScenario(Lab &lab, size_t n)
     for (size_t j = 0; j < s.iscsi; ++j) {
         size_t session = 10 + j / 256;
         IscsiDiskSpec spec;
-        spec.host = static_cast<int>(6 + session % 4);
+        spec.host = static_cast<int>(6 + session);  // a SCSI host per session, as open-iscsi makes
         spec.session = static_cast<int>(session);
         spec.channel = 0;
         spec.target = 0;
@@ -355,7 +356,8 @@ struct Measure {
     double stormActive = NAN;  // until the last ADD before the first pause
     size_t stormLate = 0;      // ADDs after that pause
     double stormCpu = NAN;
-    double peakRss = NAN;
+    double startupRss = NAN;  // VmHWM once start-up is done
+    double peakRss = NAN;     // VmHWM at the end (start-up and storm)
 };
 
 constexpr auto kStormPause = 3s;
@@ -403,6 +405,7 @@ Measure RunOne(Lab &lab, const Scenario &s, const std::string &subject, const Op
     m.startupWall = Seconds(last - t0);
     auto cpuStart = CpuWhenIdle(p.Pid());
     m.startupCpu = cpuStart.value_or(NAN);
+    m.startupRss = PeakRssMiB(p.Pid());
 
     if (o.storm) {
         if (!lab.testbed().WaitListeners(1, 60s)) {
@@ -476,7 +479,8 @@ const Figure kFigures[] = {
     {"storm completion (last ADD)", "s", &Measure::stormWall},
     {"storm until the first pause", "s", &Measure::stormActive},
     {"storm CPU (user+sys)", "s", &Measure::stormCpu},
-    {"peak RSS (VmHWM)", "MiB", &Measure::peakRss},
+    {"peak RSS after start-up (VmHWM)", "MiB", &Measure::startupRss},
+    {"peak RSS, start-up and storm (VmHWM)", "MiB", &Measure::peakRss},
 };
 
 std::string Num(double v, int prec = 2)
@@ -523,7 +527,7 @@ std::string Report(const Results &results, const Options &o, const std::string &
         const auto *dm = get("daemon");
         const auto *fl = get("floor");
         for (const auto &f : kFigures) {
-            if (!o.storm && std::string(f.name).rfind("storm", 0) == 0) {
+            if (!o.storm && (std::string(f.name).rfind("storm", 0) == 0 || f.field == &Measure::peakRss)) {
                 continue;
             }
             std::string dv = "-";
@@ -561,7 +565,8 @@ std::string Report(const Results &results, const Options &o, const std::string &
         r << "\nGrowth from " << lo << " to " << hi << " disks (" << Num(static_cast<double>(hi) / lo, 1)
           << "x the disks):\n\n| figure | daemon | floor |\n|---|---:|---:|\n";
         for (const auto &f : kFigures) {
-            if (f.field == nullptr || (!o.storm && std::string(f.name).rfind("storm", 0) == 0)) {
+            if (f.field == nullptr ||
+                (!o.storm && (std::string(f.name).rfind("storm", 0) == 0 || f.field == &Measure::peakRss))) {
                 continue;
             }
             r << "| " << f.name << " |";
@@ -579,7 +584,8 @@ std::string Report(const Results &results, const Options &o, const std::string &
             r << "\n";
         }
     }
-    r << "\nPer run (start-up wall / CPU, storm ADDs / completion / until pause / late / CPU, peak RSS):\n";
+    r << "\nPer run (start-up wall / CPU, storm ADDs / completion / until pause / late / CPU, peak RSS after "
+         "start-up / at the end):\n";
     for (const auto &[n, bySubject] : results) {
         for (const auto &[subject, runs] : bySubject) {
             for (size_t i = 0; i < runs.size(); ++i) {
@@ -587,7 +593,7 @@ std::string Report(const Results &results, const Options &o, const std::string &
                 r << "  N=" << n << " " << subject << " #" << i + 1 << ": " << Num(m.startupWall) << " s / "
                   << Num(m.startupCpu) << " s, " << m.stormAdds << " / " << Num(m.stormWall) << " s / "
                   << Num(m.stormActive) << " s / " << m.stormLate << " / " << Num(m.stormCpu) << " s, "
-                  << Num(m.peakRss, 1) << " MiB" << (m.ok ? "" : "  FAILED: " + m.error) << "\n";
+                  << Num(m.startupRss, 1) << " / " << Num(m.peakRss, 1) << " MiB" << (m.ok ? "" : "  FAILED: " + m.error) << "\n";
             }
         }
     }
@@ -630,10 +636,11 @@ int main(int argc, char **argv)
                     Measure m = RunOne(lab, s, subject, o);
                     std::fprintf(stderr,
                                  "  %-6s run %d: start-up %s s (CPU %s s); storm %zu of %zu ADDs, last %s s, "
-                                 "before pause %s s (%zu late), CPU %s s; peak RSS %s MiB%s%s\n",
+                                 "before pause %s s (%zu late), CPU %s s; peak RSS %s / %s MiB%s%s\n",
                                  subject.c_str(), run + 1, Num(m.startupWall).c_str(), Num(m.startupCpu).c_str(),
                                  m.stormAdds, n, Num(m.stormWall).c_str(), Num(m.stormActive).c_str(), m.stormLate,
-                                 Num(m.stormCpu).c_str(), Num(m.peakRss, 1).c_str(), m.ok ? "" : "\n  FAILED: ",
+                                 Num(m.stormCpu).c_str(), Num(m.startupRss, 1).c_str(), Num(m.peakRss, 1).c_str(),
+                                 m.ok ? "" : "\n  FAILED: ",
                                  m.ok ? "" : m.error.c_str());
                     failed = failed || !m.ok;
                     results[n][subject].push_back(std::move(m));
