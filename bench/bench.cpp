@@ -406,6 +406,14 @@ Measure RunOne(Lab &lab, const Scenario &s, const std::string &subject, const Op
     auto cpuStart = CpuWhenIdle(p.Pid());
     m.startupCpu = cpuStart.value_or(NAN);
     m.startupRss = PeakRssMiB(p.Pid());
+    if (!o.callgrindDir.empty()) {
+        // Start-up's instruction counts go to a file of their own (".1"); the
+        // file written at the end then holds the storm alone.
+        std::string dump = "callgrind_control --dump=startup " + std::to_string(p.Pid()) + " >/dev/null 2>&1";
+        if (std::system(dump.c_str()) != 0) {
+            std::fprintf(stderr, "  callgrind_control could not dump %d\n", static_cast<int>(p.Pid()));
+        }
+    }
 
     if (o.storm) {
         if (!lab.testbed().WaitListeners(1, 60s)) {
