@@ -22,6 +22,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/ioctl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -304,6 +305,39 @@ using Open2Fn = int (*)(const char *, int);
 using Openat2Fn = int (*)(int, const char *, int);
 using IoctlFn = int (*)(int, unsigned long, ...);
 using CloseFn = int (*)(int);
+using PollFn = int (*)(struct pollfd *, nfds_t, int);
+using PollChkFn = int (*)(struct pollfd *, nfds_t, int, size_t);
+
+// The armed poll fault, taken at most once per arming: the file is read and
+// then removed, and only the caller whose unlink succeeds fails. Raw system
+// calls only, so that no other interposer sees the lab's own file.
+bool TakePollFault(int *err)
+{
+    const char *path = std::getenv(wire::kPollFaultEnv);
+    if (path == nullptr || path[0] == '\0') {
+        return false;
+    }
+    int saved = errno;
+    int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
+        errno = saved;
+        return false;
+    }
+    char text[16];
+    long n = syscall(SYS_read, fd, text, sizeof(text) - 1);
+    RawClose(fd);
+    bool taken = syscall(SYS_unlinkat, AT_FDCWD, path, 0) == 0;
+    errno = saved;
+    if (!taken) {
+        return false;
+    }
+    int value = 0;
+    for (long i = 0; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
+        value = value * 10 + (text[i] - '0');
+    }
+    *err = value > 0 ? value : ENOMEM;
+    return true;
+}
 
 bool NeedsMode(int flags)
 {
@@ -398,6 +432,30 @@ int ioctl(int fd, unsigned long request, ...)
     static std::atomic<void *> slot;
     auto next = Next<IoctlFn>(slot, "ioctl");
     return next(fd, request, arg);
+}
+
+int poll(struct pollfd *fds, nfds_t nfds, int timeout)
+{
+    int err = 0;
+    if (TakePollFault(&err)) {
+        errno = err;
+        return -1;
+    }
+    static std::atomic<void *> slot;
+    auto next = Next<PollFn>(slot, "poll");
+    return next(fds, nfds, timeout);
+}
+
+int __poll_chk(struct pollfd *fds, nfds_t nfds, int timeout, size_t fdslen)
+{
+    int err = 0;
+    if (TakePollFault(&err)) {
+        errno = err;
+        return -1;
+    }
+    static std::atomic<void *> slot;
+    auto next = Next<PollChkFn>(slot, "__poll_chk");
+    return next(fds, nfds, timeout, fdslen);
 }
 
 int close(int fd)

@@ -1,17 +1,24 @@
 #include "qmlab/daemon.h"
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstddef>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,13 +40,25 @@ std::string FromEnv(const char *name, const char *builtIn)
 bool Dropped(const std::string &entry)
 {
     static const char *const kNames[] = {"LD_PRELOAD=", "UMOCKDEV_DIR=", "NOTIFY_SOCKET=", "FAKETIME", "ASAN_OPTIONS=",
-                                         "SYSTEMD_DEVICE_VERIFY_SYSFS="};
+                                         "TSAN_OPTIONS=", "SYSTEMD_DEVICE_VERIFY_SYSFS="};
     for (const char *name : kNames) {
         if (entry.rfind(name, 0) == 0) {
             return true;
         }
     }
-    return entry.rfind(wire::kSocketEnv, 0) == 0;
+    return entry.rfind(wire::kSocketEnv, 0) == 0 || entry.rfind(wire::kPollFaultEnv, 0) == 0;
+}
+
+// Whether one thread's /proc/<pid>/task/<tid>/syscall shows it asleep in
+// poll or ppoll: "running" while it runs, else the number of the call.
+bool SleepsInPoll(const std::string &syscallFile)
+{
+    std::string text = ReadFile(syscallFile).value_or("");
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0]))) {
+        return false;
+    }
+    long nr = std::strtol(text.c_str(), nullptr, 10);
+    return nr == SYS_poll || nr == SYS_ppoll;
 }
 
 void SetVar(std::vector<std::string> &env, const std::string &name, const std::string &value)
@@ -55,6 +74,21 @@ void SetVar(std::vector<std::string> &env, const std::string &name, const std::s
 }
 
 std::atomic<int> g_daemonCount{0};
+std::atomic<SanitizerReportHandler> g_sanitizerHandler{nullptr};
+
+bool StartsReport(const std::string &line)
+{
+    static const char *const kMarks[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                         "WARNING: ThreadSanitizer", "ERROR: ThreadSanitizer",
+                                         "FATAL: ThreadSanitizer", "ERROR: UndefinedBehaviorSanitizer",
+                                         "runtime error:"};
+    for (const char *mark : kMarks) {
+        if (line.find(mark) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -112,19 +146,26 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     const char *asan = std::getenv("ASAN_OPTIONS");
     std::string asanOptions = asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : std::string();
     SetVar(env_, "ASAN_OPTIONS", asanOptions + "verify_asan_link_order=0:detect_leaks=1");
+    // The lab's own suppressions are not the daemon's.
+    SetVar(env_, "TSAN_OPTIONS",
+           std::string("halt_on_error=1:second_deadlock_stack=1:suppressions=") + QMLAB_TSAN_DAEMON_SUPP);
     SetVar(env_, "NOTIFY_SOCKET", context.notifySocket);
     if (options.driver) {
         SetVar(env_, wire::kSocketEnv, context.driverSocket);
     }
+    int n = ++g_daemonCount;
+    pollFaultPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".poll-fault";
+    SetVar(env_, wire::kPollFaultEnv, pollFaultPath_);
+    testbedRoot_ = context.testbedRoot;
     for (const auto &[k, v] : options.env) {
         SetVar(env_, k, v);
     }
 
     std::string binary = options.binary.empty() ? DaemonBinaryPath() : options.binary;
+    binary_ = binary;
     if (::access(binary.c_str(), X_OK) < 0) {
         throw std::system_error(errno, std::generic_category(), "daemon binary " + binary);
     }
-    int n = ++g_daemonCount;
     outPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".out";
     errPath_ = context.scratchDir + "/daemon-" + std::to_string(n) + ".err";
 
@@ -153,7 +194,10 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
     sigset_t all;
     sigfillset(&all);
     posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // A process group of its own, so that what it starts (shells, the lvm
+    // stub) goes down with it when the lab kills it.
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     int rc = ::posix_spawn(&pid_, binary.c_str(), &actions, &attr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
@@ -165,12 +209,21 @@ Daemon::Daemon(const DaemonContext &context, DaemonOptions options)
 
 Daemon::~Daemon()
 {
+    if (pid_ > 0) {
+        ::kill(-pid_, SIGKILL);  // its group: children it left behind, too
+    }
     if (!status_ && pid_ > 0) {
         ::kill(pid_, SIGKILL);
         Reap(true);
     }
     if (pidfd_ >= 0) {
         ::close(pidfd_);
+    }
+    SanitizerReportHandler handler = g_sanitizerHandler.load();
+    if (handler != nullptr && pid_ > 0) {
+        for (const auto &report : SanitizerReports(Stderr())) {
+            handler(binary_, report);
+        }
     }
 }
 
@@ -241,6 +294,129 @@ ExitStatus Daemon::Stop(Clock::duration grace)
     Signal(SIGKILL);
     Reap(true);
     return *status_;
+}
+
+namespace {
+
+// The number of bytes waiting in the daemon's udev monitor sockets, read
+// through duplicates of its descriptors (pidfd_getfd): a Unix datagram
+// socket reports the size of its next datagram, 0 when its queue is empty.
+// nullopt while it has no monitor socket of the testbed.
+std::optional<long> MonitorBacklog(int pidfd, pid_t pid, const std::string &testbedRoot)
+{
+    std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+    DIR *dir = ::opendir(fds.c_str());
+    if (dir == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<long> backlog;
+    std::string prefix = testbedRoot + "/event";
+    while (dirent *e = ::readdir(dir)) {
+        char link[64] = {};
+        std::string entry = fds + "/" + e->d_name;
+        if (e->d_name[0] == '.' || ::readlink(entry.c_str(), link, sizeof(link) - 1) <= 0 ||
+            std::strncmp(link, "socket:", 7) != 0) {
+            continue;
+        }
+        int fd = static_cast<int>(::syscall(SYS_pidfd_getfd, pidfd, std::atoi(e->d_name), 0));
+        if (fd < 0) {
+            continue;
+        }
+        sockaddr_un addr{};
+        socklen_t len = sizeof(addr);
+        int queued = 0;
+        if (::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) == 0 && addr.sun_family == AF_UNIX &&
+            len > offsetof(sockaddr_un, sun_path) && addr.sun_path[0] != '\0' &&
+            std::string(addr.sun_path).rfind(prefix, 0) == 0 && ::ioctl(fd, SIOCINQ, &queued) == 0) {
+            backlog = backlog.value_or(0) + queued;
+        }
+        ::close(fd);
+    }
+    ::closedir(dir);
+    return backlog;
+}
+
+bool SomeThreadSleepsInPoll(pid_t pid)
+{
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR *dir = ::opendir(tasks.c_str());
+    if (dir == nullptr) {
+        return false;
+    }
+    bool found = false;
+    while (dirent *e = ::readdir(dir)) {
+        if (e->d_name[0] != '.' && SleepsInPoll(tasks + "/" + e->d_name + "/syscall")) {
+            found = true;
+            break;
+        }
+    }
+    ::closedir(dir);
+    return found;
+}
+
+}  // namespace
+
+bool Daemon::WaitMonitorIdle(Clock::duration timeout)
+{
+    if (pidfd_ < 0) {
+        return false;
+    }
+    // In this order: a thread seen asleep in poll after its queue was seen
+    // empty went back to poll after its last receive. (A look at poll alone
+    // could still see the old wait of a thread whose wake-up is in flight.)
+    return Eventually(
+        [&] {
+            auto backlog = MonitorBacklog(pidfd_, pid_, testbedRoot_);
+            return backlog && *backlog == 0 && SomeThreadSleepsInPoll(pid_);
+        },
+        timeout);
+}
+
+void Daemon::FailNextPoll(int err)
+{
+    // Renamed into place: the shim never sees the file half written.
+    std::string staged = pollFaultPath_ + ".new";
+    WriteFile(staged, std::to_string(err) + "\n");
+    if (::rename(staged.c_str(), pollFaultPath_.c_str()) < 0) {
+        throw std::system_error(errno, std::generic_category(), "arm poll fault " + pollFaultPath_);
+    }
+}
+
+std::vector<std::string> SanitizerReports(const std::string &stderrText)
+{
+    std::vector<std::string> reports;
+    std::string current;
+    bool inReport = false;
+    size_t lines = 0;
+    size_t pos = 0;
+    while (pos < stderrText.size()) {
+        size_t end = stderrText.find('\n', pos);
+        std::string line = stderrText.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        pos = end == std::string::npos ? stderrText.size() : end + 1;
+        if (!inReport && StartsReport(line)) {
+            inReport = true;
+            current.clear();
+            lines = 0;
+        }
+        if (!inReport) {
+            continue;
+        }
+        current += line + "\n";
+        // UBSan's "runtime error:" report is one line unless a stack follows.
+        if (line.find("SUMMARY: ") != std::string::npos || ++lines >= 200) {
+            reports.push_back(current);
+            inReport = false;
+        }
+    }
+    if (inReport) {
+        reports.push_back(current);
+    }
+    return reports;
+}
+
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler)
+{
+    return g_sanitizerHandler.exchange(handler);
 }
 
 std::string Daemon::Stdout() const

@@ -269,6 +269,16 @@ void DriverEmulator::Release()
     Wake();
 }
 
+void DriverEmulator::Release(DriverOp op)
+{
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        hold_[op] = false;
+        releaseOps_.push_back(op);
+    }
+    Wake();
+}
+
 std::vector<DriverRequest> DriverEmulator::Requests() const
 {
     std::lock_guard<std::mutex> lock(mu_);
@@ -382,6 +392,7 @@ void DriverEmulator::Run()
             return;
         }
         bool release = false;
+        std::vector<DriverOp> releaseOps;
         if ((fds[0].revents & POLLIN) != 0) {
             uint64_t count;
             ssize_t r = ::read(wakeFd_, &count, sizeof(count));
@@ -391,6 +402,7 @@ void DriverEmulator::Run()
                 break;
             }
             release = std::exchange(releaseWanted_, false);
+            releaseOps.swap(releaseOps_);
         }
         // A caller that went away while held (the daemon was killed).
         for (size_t i = heldBase; i < fds.size(); ++i) {
@@ -407,9 +419,14 @@ void DriverEmulator::Run()
                 cv_.notify_all();
             }
         }
-        if (release) {
+        if (release || !releaseOps.empty()) {
             std::deque<Pending> answering;
-            answering.swap(held_);
+            std::deque<Pending> still;
+            for (auto &p : held_) {
+                bool chosen = release || std::find(releaseOps.begin(), releaseOps.end(), p.op) != releaseOps.end();
+                (chosen ? answering : still).push_back(std::move(p));
+            }
+            held_.swap(still);
             for (const auto &p : answering) {
                 Answer(p, /*wasHeld=*/true);
                 ::close(p.fd);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qmlab/daemon.h"
 #include "qmlab/sandbox.h"
 
 int main(int argc, char **argv)
@@ -17,5 +18,9 @@ int main(int argc, char **argv)
         return 2;
     }
     testing::InitGoogleTest(&argc, argv);
+    // Reported while the test that ran the program is still running.
+    qmlab::SetSanitizerReportHandler([](const std::string &program, const std::string &report) {
+        ADD_FAILURE() << "sanitizer report from " << program << ":\n" << report;
+    });
     return RUN_ALL_TESTS();
 }

@@ -145,7 +145,8 @@ void Sandbox::EnsureUmockdevPreload(char **argv)
                               ":verify_asan_link_order=0";
     ::setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
     ::setenv("UBSAN_OPTIONS", "print_stacktrace=1:halt_on_error=1", 0);
-    ::setenv("TSAN_OPTIONS", "halt_on_error=1:second_deadlock_stack=1", 0);
+    std::string tsan = std::string("halt_on_error=1:second_deadlock_stack=1:suppressions=") + QMLAB_TSAN_LAB_SUPP;
+    ::setenv("TSAN_OPTIONS", tsan.c_str(), 0);
     ::execv("/proc/self/exe", argv);
     Fail("re-execute under umockdev's preload");
 }

@@ -19,8 +19,11 @@
 
 #include <endian.h>
 #include <poll.h>
+#include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/fanotify.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <glob.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -206,6 +209,27 @@ public:
         std::unique_lock<std::mutex> lock(mu_);
         return cv_.wait_until(lock, Clock::now() + timeout, [&] { return writes_.size() >= n; });
     }
+    // inotify reports in order: once the watcher has seen a write of the
+    // lab's own marker file, it has recorded (and cut) every write before.
+    bool Sync(const std::string &markerFile, Clock::duration timeout)
+    {
+        uint64_t wanted = 0;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (markerWd_ < 0) {
+                WriteFile(markerFile, "0");
+                markerWd_ = ::inotify_add_watch(inotify_, markerFile.c_str(), IN_CLOSE_WRITE);
+                if (markerWd_ < 0) {
+                    throw std::system_error(errno, std::generic_category(), "inotify watch " + markerFile);
+                }
+                markerFile_ = markerFile;
+            }
+            wanted = ++markerSent_;
+        }
+        WriteFile(markerFile_, std::to_string(wanted));
+        std::unique_lock<std::mutex> lock(mu_);
+        return cv_.wait_until(lock, Clock::now() + timeout, [&] { return markerSeen_ >= wanted; });
+    }
 
 private:
     struct Entry {
@@ -230,7 +254,10 @@ private:
                 ssize_t n = ::read(inotify_, buf, sizeof(buf));
                 for (ssize_t off = 0; n > 0 && off < n;) {
                     auto *ev = reinterpret_cast<inotify_event *>(buf + off);
-                    Handle(ev->wd);
+                    // A removed device's files end their watches: no write.
+                    if ((ev->mask & (IN_IGNORED | IN_Q_OVERFLOW)) == 0) {
+                        Handle(ev->wd);
+                    }
                     off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
                 }
             }
@@ -243,6 +270,12 @@ private:
     void Handle(int wd)
     {
         std::unique_lock<std::mutex> lock(mu_);
+        if (wd == markerWd_ && markerWd_ >= 0) {
+            uint64_t seen = std::strtoull(ReadFile(markerFile_).value_or("0").c_str(), nullptr, 10);
+            markerSeen_ = std::max(markerSeen_, seen);
+            cv_.notify_all();
+            return;
+        }
         auto it = watched_.find(wd);
         if (it == watched_.end()) {
             return;
@@ -269,6 +302,135 @@ private:
     std::map<int, Entry> watched_;
     std::map<std::string, int> byFile_;
     std::vector<AttributeWrite> writes_;
+    int markerWd_ = -1;
+    std::string markerFile_;
+    uint64_t markerSent_ = 0;
+    uint64_t markerSeen_ = 0;
+};
+
+// Holds a process's first open of a file until an action of the lab has
+// run (fanotify permission events). Its thread answers every permission
+// event; mu_ guards the table and the fired flag.
+class OpenGate {
+public:
+    OpenGate()
+    {
+        fan_ = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK, O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+        if (fan_ < 0) {
+            throw std::system_error(errno, std::generic_category(), "fanotify_init");
+        }
+        wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (wake_ < 0) {
+            int err = errno;
+            ::close(fan_);
+            throw std::system_error(err, std::generic_category(), "eventfd");
+        }
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~OpenGate()
+    {
+        uint64_t one = 1;
+        ssize_t n = ::write(wake_, &one, sizeof(one));
+        (void)n;
+        thread_.join();
+        ::close(fan_);  // any open still held is allowed when the group goes
+        ::close(wake_);
+    }
+    OpenGate(const OpenGate &) = delete;
+    OpenGate &operator=(const OpenGate &) = delete;
+
+    void Add(const std::string &file, std::function<void()> action)
+    {
+        struct stat st {};
+        if (::stat(file.c_str(), &st) < 0) {
+            throw std::system_error(errno, std::generic_category(), "stat " + file);
+        }
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            gates_.push_back(Gate{st.st_dev, st.st_ino, std::move(action), false});
+        }
+        if (::fanotify_mark(fan_, FAN_MARK_ADD, FAN_OPEN_PERM, AT_FDCWD, file.c_str()) < 0) {
+            throw std::system_error(errno, std::generic_category(), "fanotify_mark " + file);
+        }
+    }
+    bool WaitFired(Clock::duration timeout) const
+    {
+        std::unique_lock<std::mutex> lock(mu_);
+        return cv_.wait_until(lock, Clock::now() + timeout, [&] { return fired_ > 0; });
+    }
+
+private:
+    struct Gate {
+        dev_t dev;
+        ino_t ino;
+        std::function<void()> action;
+        bool fired;
+    };
+
+    void Run()
+    {
+        alignas(fanotify_event_metadata) char buf[4096];
+        for (;;) {
+            pollfd fds[2] = {{fan_, POLLIN, 0}, {wake_, POLLIN, 0}};
+            if (::poll(fds, 2, -1) < 0 && errno != EINTR) {
+                return;
+            }
+            if ((fds[1].revents & POLLIN) != 0) {
+                return;
+            }
+            if ((fds[0].revents & POLLIN) == 0) {
+                continue;
+            }
+            ssize_t len = ::read(fan_, buf, sizeof(buf));
+            auto *md = reinterpret_cast<fanotify_event_metadata *>(buf);
+            for (; len > 0 && FAN_EVENT_OK(md, len); md = FAN_EVENT_NEXT(md, len)) {
+                if (md->fd < 0) {
+                    continue;
+                }
+                if ((md->mask & FAN_OPEN_PERM) != 0) {
+                    Handle(*md);
+                }
+                ::close(md->fd);
+            }
+        }
+    }
+
+    void Handle(const fanotify_event_metadata &md)
+    {
+        std::function<void()> action;
+        struct stat st {};
+        if (md.pid != ::getpid() && ::fstat(md.fd, &st) == 0) {
+            std::lock_guard<std::mutex> lock(mu_);
+            for (auto &g : gates_) {
+                if (!g.fired && g.dev == st.st_dev && g.ino == st.st_ino) {
+                    g.fired = true;
+                    action = std::move(g.action);
+                    break;
+                }
+            }
+        }
+        if (action) {
+            try {
+                action();
+            } catch (const std::exception &e) {
+                std::fprintf(stderr, "lab: open gate action failed: %s\n", e.what());
+            }
+            std::lock_guard<std::mutex> lock(mu_);
+            ++fired_;
+            cv_.notify_all();
+        }
+        fanotify_response response{md.fd, FAN_ALLOW};
+        ssize_t n = ::write(fan_, &response, sizeof(response));
+        (void)n;
+    }
+
+    int fan_ = -1;
+    int wake_ = -1;
+    std::thread thread_;
+    mutable std::mutex mu_;
+    mutable std::condition_variable cv_;
+    std::vector<Gate> gates_;
+    int fired_ = 0;
 };
 
 uint32_t UdevStringHash32(const std::string &text)
@@ -344,6 +506,10 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
 
 Testbed::~Testbed()
 {
+    gate_.reset();
+    for (auto it = readOnlyMounts_.rbegin(); it != readOnlyMounts_.rend(); ++it) {
+        ::umount2(it->c_str(), MNT_DETACH);
+    }
     watcher_.reset();
     std::string root = Root();
     g_object_unref(testbed_);
@@ -590,12 +756,13 @@ BlockDevice Testbed::AddBlock(const BlockSpec &spec)
     props.insert(props.end(), spec.properties.begin(), spec.properties.end());
     Attributes attrs = {{"dev", Line(dev.DevNum())}};
     attrs.insert(attrs.end(), spec.attributes.begin(), spec.attributes.end());
-    if (spec.parent == "/sys/devices/virtual/block" && made_.count("virtual") == 0) {
+    if (spec.parent == "/sys/devices/virtual/block" && made_.count("virtual/block") == 0) {
         ::mkdir((Root() + "/sys").c_str(), 0755);
         ::mkdir((Root() + "/sys/devices").c_str(), 0755);
         ::mkdir((Root() + "/sys/devices/virtual").c_str(), 0755);
         ::mkdir((Root() + "/sys/devices/virtual/block").c_str(), 0755);
         made_["virtual"] = "/sys/devices/virtual";
+        made_["virtual/block"] = "/sys/devices/virtual/block";
     }
     dev.syspath = AddDevice("block", spec.name, spec.parent, attrs, props);
     return dev;
@@ -757,6 +924,31 @@ void Testbed::SetAttribute(const std::string &syspath, const std::string &name, 
     watcher_->OwnWrite(Root() + syspath + "/" + name, value);
 }
 
+void Testbed::FailAttributeWrites(const std::string &syspath, const std::string &name)
+{
+    std::string file = Root() + syspath + "/" + name;
+    if (::mount(file.c_str(), file.c_str(), nullptr, MS_BIND, nullptr) < 0) {
+        throw std::system_error(errno, std::generic_category(), "bind " + file);
+    }
+    readOnlyMounts_.push_back(file);
+    if (::mount(nullptr, file.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) < 0) {
+        throw std::system_error(errno, std::generic_category(), "remount read-only " + file);
+    }
+}
+
+void Testbed::OnFirstOpen(const std::string &syspath, const std::string &name, std::function<void()> action)
+{
+    if (!gate_) {
+        gate_ = std::make_unique<OpenGate>();
+    }
+    gate_->Add(Root() + syspath + "/" + name, std::move(action));
+}
+
+bool Testbed::WaitFirstOpen(Clock::duration timeout) const
+{
+    return gate_ && gate_->WaitFired(timeout);
+}
+
 void Testbed::Watch(const std::string &syspath, const std::string &name)
 {
     watcher_->Watch(Root() + syspath + "/" + name, syspath, name);
@@ -770,6 +962,11 @@ std::vector<AttributeWrite> Testbed::AttributeWrites() const
 bool Testbed::WaitAttributeWrites(size_t n, Clock::duration timeout) const
 {
     return watcher_->WaitWrites(n, timeout);
+}
+
+bool Testbed::SyncAttributeWrites(Clock::duration timeout)
+{
+    return watcher_->Sync(Root() + "/qmlab-attribute-sync", timeout);
 }
 
 std::optional<std::string> Testbed::RawAttribute(const std::string &syspath, const std::string &name) const

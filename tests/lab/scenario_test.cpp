@@ -1,6 +1,6 @@
 // Scenarios across the whole daemon that the lab makes possible: the
-// start-up scan against the driver's list, and time-dependent behaviour
-// under accelerated time.
+// start-up scan against the driver's list. (Retries under accelerated time
+// are in pipeline_test.cpp.)
 #include <gtest/gtest.h>
 
 #include "lab_support.h"
@@ -40,22 +40,6 @@ TEST(ScenarioScan, UnsupportedDiskIsNotAddedAndStaleNumberIsRemoved)
     }
     // The removal of what udev no longer has comes after every add of the scan.
     EXPECT_EQ(seen.back(), "REMOVE " + s.staleDevNum);
-}
-
-TEST(ScenarioTime, RefusedAddIsSentAgainAfterTwoMinutesOfDaemonTime)
-{
-    Lab lab;
-    BlockDevice disk = lab.testbed().AddFcDisk();
-    lab.driver().QueueFor(DriverOp::Add, disk.DevNum(), DriverReply::Status(1030));
-    DaemonOptions opts;
-    opts.timeSpeed = 20;  // 120 s of the daemon in 6 s
-    Daemon &d = lab.Start(opts);
-    ASSERT_TRUE(lab.driver().WaitCount(DriverOp::Add, 2, 60s)) << d.Stderr();
-    auto adds = lab.driver().Requests(DriverOp::Add);
-    EXPECT_EQ(adds[0].status, 1030u);
-    EXPECT_EQ(adds[1].DevNum(), disk.DevNum());
-    EXPECT_TRUE(lab.WaitTrace("add retry udev event", 10s));
-    EXPECT_TRUE(lab.testbed().WaitAttributeWrites(2, 10s)) << "time-outs follow the accepted add";
 }
 
 }  // namespace

@@ -312,6 +312,9 @@ TEST_F(MiscIoctlTest, HostileGetRepliesFailWithoutTrustingTheirSizes)
         {"needLen all ones", {Reply{0, 1038, UINT32_MAX, "", false, 0}}, 1},
         {"needLen would wrap the record", {Reply{0, 1038, UINT32_MAX - 10, "", false, 0}}, 1},
         {"needLen above 16 MiB", {Reply{0, 1038, 16u * 1024u * 1024u + 1u, "", false, 0}}, 1},
+        // The record has three spare bytes behind the offered area; they are
+        // not the driver's to fill.
+        {"dataLen into the spare bytes", {Reply{0, 1024, 0, "8:16", true, 1024 + 1}}, 1},
         {"dataLen beyond the grown area",
          {Reply{0, 1038, 100, "", false, 0}, Reply{0, 1024, 0, "8:16", true, 100 + 5}},
          2},
@@ -323,7 +326,7 @@ TEST_F(MiscIoctlTest, HostileGetRepliesFailWithoutTrustingTheirSizes)
         EXPECT_EQ(INTF_UTIL_MiscIoctlGet(), nullptr);
         EXPECT_EQ(g_fake.calls.size(), row.calls);
     }
-    EXPECT_EQ(qmtest::CountOf(trace_.Text(), "[ERROR]"), 6u);
+    EXPECT_EQ(qmtest::CountOf(trace_.Text(), "[ERROR]"), 7u);
 }
 
 TEST_F(MiscIoctlTest, GetNegotiatesTheDataAreaWithTheDriver)
@@ -346,7 +349,7 @@ TEST_F(MiscIoctlTest, GetNegotiatesTheDataAreaWithTheDriver)
           Reply{0, 1038, 5, "", false, 0}, Reply{0, 1024, 4, "8:16", false, 0}},
          {1024, 1501, 2001, 6},
          "8:16"},
-        {"dataLen up to the spare bytes", {Reply{0, 1024, 0, "8:16", true, 1027}}, {1024}, "8:16"},
+        {"dataLen fills the offered area", {Reply{0, 1024, 0, "8:16", true, 1024}}, {1024}, "8:16"},
         {"needLen exactly at the limit",
          {Reply{0, 1038, 16u * 1024u * 1024u, "", false, 0}, Reply{0, 1024, 4, "8:16", false, 0}},
          {1024, 16u * 1024u * 1024u + 1u},
@@ -379,7 +382,7 @@ TEST_F(MiscIoctlTest, GetReplyWithNeedLenZeroHoldsTheThreadInTheBuilderAssertion
 
 // ---- copying the list out ----------------------------------------------------
 
-TEST(MiscAllocDeviceNumsTest, ReplySizesAreCheckedAgainstTheBlock)
+TEST(MiscAllocDeviceNumsTest, ReplySizesAreCheckedAgainstTheOfferedArea)
 {
     qmtest::TraceCapture trace;
     struct Row {
@@ -392,8 +395,9 @@ TEST(MiscAllocDeviceNumsTest, ReplySizesAreCheckedAgainstTheBlock)
         {"block smaller than the header", 1024, 0, 8, nullptr},
         {"block of one byte", 1024, 0, 1, nullptr},
         {"status not OK", 1038, 4, 64, nullptr},
-        {"dataLen one past the area", 1024, 49, 64, nullptr},
-        {"dataLen fills the area", 1024, 48, 64, "8:16"},
+        // A record of 64 bytes offers 45 (its bufLen); the 3 bytes behind are spare.
+        {"dataLen one past the area", 1024, 46, 64, nullptr},
+        {"dataLen fills the area", 1024, 45, 64, "8:16"},
         {"dataLen 0", 1024, 0, 64, ""},
         {"dataLen 0 in a header-only block", 1024, 0, 16, ""},
         {"dataLen 1 in a header-only block", 1024, 1, 16, nullptr},

@@ -144,9 +144,9 @@ TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
     Testbed bed;
     std::string sdc = AddScsiDisk(bed).block;
     std::string sr0 = AddBareBlock(bed, "sr0");
-    ScsiDiskSpec noMinorSpec = LocalSpec();
-    noMinorSpec.minor.reset();
-    std::string noMinor = AddScsiDisk(bed, noMinorSpec).block;
+    ScsiDiskLayout noMinorLayout = LocalLayout();
+    noMinorLayout.minor.reset();
+    std::string noMinor = AddScsiDisk(bed, noMinorLayout).block;
     const struct {
         std::string path;
         const char *action;  // null: a device not from an event
@@ -206,8 +206,8 @@ class FakeProcDevices {
 public:
     FakeProcDevices() : oldPath_(std::getenv("PATH") ? std::getenv("PATH") : "")
     {
-        dir_.Write("cat", "#!/bin/sh\necho run >> '" + dir_.Path() + "/runs'\nexec /bin/cat '" + dir_.Path() +
-                              "/devices'\n");
+        WriteFile(dir_.File("cat"), "#!/bin/sh\necho run >> '" + dir_.File("runs") + "'\nexec /bin/cat '" +
+                                        dir_.File("devices") + "'\n");
         chmod((dir_.Path() + "/cat").c_str(), 0755);
         Set("");
         setenv("PATH", (dir_.Path() + ":" + oldPath_).c_str(), 1);
@@ -216,11 +216,12 @@ public:
 
     void Set(const std::string &blockLines)
     {
-        dir_.Write("devices", "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n" + blockLines);
+        const std::string head = "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n";
+        WriteFile(dir_.File("devices"), head + blockLines);
     }
     int Runs() const
     {
-        std::ifstream in(dir_.Path() + "/runs");
+        std::ifstream in(dir_.File("runs"));
         int count = 0;
         for (std::string line; std::getline(in, line);) {
             ++count;

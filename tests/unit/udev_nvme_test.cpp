@@ -13,16 +13,16 @@ using namespace qmtest;
 
 namespace {
 
-NodeHolder Node(Testbed &bed, const NvmeDiskSpec &spec = {})
+NodeHolder Node(Testbed &bed, const NvmeDiskLayout &layout = {})
 {
-    return NodeHolder(bed.Device(AddNvmeDisk(bed, spec)), "259:2", "259:2 nvme ");
+    return NodeHolder(bed.Device(AddNvmeDisk(bed, layout)), "259:2", "259:2 nvme ");
 }
 
 TEST(NvmeFilter, ClaimsOnlyVisibleDisksUnderTheirController)
 {
     const char *hidden = "the udev device skips because hidden.\n";
     const struct {
-        NvmeDiskSpec spec;
+        NvmeDiskLayout layout;
         int ret;
         const char *log;  // null: nothing logged
     } cases[] = {
@@ -38,9 +38,9 @@ TEST(NvmeFilter, ClaimsOnlyVisibleDisksUnderTheirController)
         {{.underSubsystem = true, .devtype = "dis"}, UDEV_RET_OK, nullptr},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.spec.block + " hidden=" + c.spec.hidden.value_or("-") + " type=" + c.spec.devtype.value_or("-"));
+        SCOPED_TRACE(c.layout.block + " hidden=" + c.layout.hidden.value_or("-") + " type=" + c.layout.devtype.value_or("-"));
         Testbed bed;
-        UdevDevicePtr dev = bed.Device(AddNvmeDisk(bed, c.spec));
+        UdevDevicePtr dev = bed.Device(AddNvmeDisk(bed, c.layout));
         LogCapture log;
         EXPECT_EQ(c.ret, UDEV_NvmeFilterDevice(dev.get()));
         EXPECT_EQ(c.log == nullptr ? 0u : 1u, log.Lines().size());
@@ -52,7 +52,7 @@ TEST(NvmeAdd, RefusedDisksDropTheAdd)
 {
     VendorList vendors{{"QUILL", "MESH1"}};
     const struct {
-        NvmeDiskSpec spec;
+        NvmeDiskLayout layout;
         std::string log;
     } cases[] = {
         {{.hidden = "1"}, " dev{259:2} filter not support.\n"},
@@ -65,7 +65,7 @@ TEST(NvmeAdd, RefusedDisksDropTheAdd)
     };
     for (const auto &c : cases) {
         Testbed bed;
-        NodeHolder holder = Node(bed, c.spec);
+        NodeHolder holder = Node(bed, c.layout);
         LogCapture log;
         EXPECT_EQ(UDEV_RET_FAIL, UDEV_NvmeInitAddEventNodeInfo(holder.dev.get(), &holder.node));
         EXPECT_TRUE(log.Has(c.log)) << c.log;

@@ -13,12 +13,11 @@ using namespace qmtest;
 namespace {
 
 // As enrichment hands the node over: device number and protocol word.
-NodeHolder Node(Testbed &bed, const ScsiDiskSpec &spec = {})
+NodeHolder Node(Testbed &bed, const ScsiDiskLayout &layout = {})
 {
-    return NodeHolder(bed.Device(AddScsiDisk(bed, spec).block), "8:32", "8:32 scsi ");
+    return NodeHolder(bed.Device(AddScsiDisk(bed, layout).block), "8:32", "8:32 scsi ");
 }
 
-// One testbed at a time: umockdev shows the process only the newest.
 class ScsiTest : public ::testing::Test {
 protected:
     VendorList vendors_{{"QUILL", "MESH-DISK"}};
@@ -27,7 +26,7 @@ protected:
 TEST_F(ScsiTest, RefusedDisksDropTheAddBeforeAnyNumberIsWritten)
 {
     const struct {
-        ScsiDiskSpec spec;
+        ScsiDiskLayout layout;
         std::string log;
     } cases[] = {
         {{.vendor = "OTHER   "}, "check the vendor{OTHER} product{MESH-DISK} is not support.\n"},
@@ -38,7 +37,7 @@ TEST_F(ScsiTest, RefusedDisksDropTheAddBeforeAnyNumberIsWritten)
     };
     for (const auto &c : cases) {
         Testbed bed;
-        NodeHolder holder = Node(bed, c.spec);
+        NodeHolder holder = Node(bed, c.layout);
         LogCapture log;
         EXPECT_EQ(UDEV_RET_FAIL, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
         EXPECT_TRUE(log.Has(c.log)) << c.log;
@@ -85,21 +84,21 @@ TEST_F(ScsiTest, FullDevInfoFailsEitherAppend)
 TEST_F(ScsiTest, AddressAndTransportOfEachTopology)
 {
     const struct {
-        ScsiDiskSpec spec;
+        ScsiDiskLayout layout;
         const char *hctl;
         int host, channel, target, lun, transportType, transportId;
     } cases[] = {
         {{}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_FCP, 7},
-        {IscsiSpec(), "3:0:0:1", 3, 0, 0, 1, UDEV_TRANSPORT_ISCSI, 5},
-        {LocalSpec(), "0:0:0:0", 0, 0, 0, 0, UDEV_TRANSPORT_UNKNOWN, -1},
+        {IscsiLayout(), "3:0:0:1", 3, 0, 0, 1, UDEV_TRANSPORT_ISCSI, 5},
+        {LocalLayout(), "0:0:0:0", 0, 0, 0, 0, UDEV_TRANSPORT_UNKNOWN, -1},
         {{.scsi = "0x2:010:1:0x10"}, "2:8:1:16", 2, 8, 1, 16, UDEV_TRANSPORT_FCP, 7},
         {{.port = "rport-12:3-456"}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_FCP, 456},
         {{.port = "rport-2:0"}, "2:0:1:3", 2, 0, 1, 3, UDEV_TRANSPORT_UNKNOWN, -1},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.spec.port + " " + c.spec.scsi);
+        SCOPED_TRACE(c.layout.port + " " + c.layout.scsi);
         Testbed bed;
-        NodeHolder holder = Node(bed, c.spec);
+        NodeHolder holder = Node(bed, c.layout);
         std::strcpy(holder.node.action, "XXXXXXXX");
         LogCapture log;
         ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(holder.dev.get(), &holder.node));
@@ -119,7 +118,7 @@ TEST_F(ScsiTest, TransportsAreLoggedWhenFound)
 {
     Testbed bed;
     NodeHolder fc = Node(bed);
-    NodeHolder iscsi = Node(bed, IscsiSpec());
+    NodeHolder iscsi = Node(bed, IscsiLayout());
     LogCapture log;
     ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(fc.dev.get(), &fc.node));
     ASSERT_EQ(UDEV_RET_OK, UDEV_ScsiInitAddEventNodeInfo(iscsi.dev.get(), &iscsi.node));

@@ -130,7 +130,7 @@ TEST_F(TimeoutTest, DevLossAlreadySetStillHandlesFastIoFail)
 TEST_F(TimeoutTest, OnlyFcAndIscsiTransportsGetHbaTimeOuts)
 {
     ScsiDisk fc = AddScsiDisk(bed_);
-    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiSpec());
+    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiLayout());
     for (int transport : {UDEV_TRANSPORT_UNKNOWN, 1, -1}) {
         NodeHolder holder = Node(transport, 5);
         LogCapture log;
@@ -146,7 +146,7 @@ TEST_F(TimeoutTest, OnlyFcAndIscsiTransportsGetHbaTimeOuts)
 
 TEST_F(TimeoutTest, VanishedOrRefusingDevicesAreLogged)
 {
-    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiSpec());
+    ScsiDisk iscsi = AddScsiDisk(bed_, IscsiLayout());
     AddScsiDisk(bed_, {.timeout = std::nullopt});
     ReadOnlyAttr readOnly(bed_, iscsi.portClass, "recovery_tmo");
     NodeHolder noPort = Node(UDEV_TRANSPORT_FCP, 9);

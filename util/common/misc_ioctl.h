@@ -62,8 +62,9 @@ MallocPtr<char> INTF_UTIL_MiscIoctlGet();
 
 // Record helpers, exposed for the tests and the fuzz target.
 MallocPtr<MiscCtrlParam> UTIL_MiscAllocCtrlNode(const char *text, uint32_t len);
-// recordSize is the size of the block the reply came in (header included):
-// a dataLen beyond it is a bad reply.
+// recordSize is the size of the block the reply came in (header included);
+// its data area is the bufLen of such a record (recordSize - 19): a dataLen
+// beyond it is a bad reply.
 MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t recordSize);
 
 // Descriptor as the channel sees it (-1 when closed); for tests.

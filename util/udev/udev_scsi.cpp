@@ -145,7 +145,7 @@ int UDEV_ScsiCheckUdevDevIsSupport(struct udev_device *scsiDev, UdevEventNode *e
 {
     char vendor[UTIL_VENDOR_LEN] = {0};
     char product[UTIL_PRODUCT_LEN] = {0};
-    if (INTF_UTIL_GetScsiVendorProduct(scsiDev, vendor, sizeof(vendor), product, sizeof(product)) != UDEV_RET_OK) {
+    if (INTF_UTIL_GetScsiVendorProduct(scsiDev, vendor, UTIL_VENDOR_LEN, product, UTIL_PRODUCT_LEN) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
     if (!UDEV_DeviceIsSupport(vendor, product)) {

@@ -67,6 +67,18 @@ public:
     std::string Stderr() const;
     const std::vector<std::string> &Environment() const { return env_; }
 
+    // True once every event sent to the daemon's udev monitors has been
+    // received (their sockets' queues are empty) and, after that, a thread
+    // of the daemon sleeps in poll(2); false at the deadline. For qmudev
+    // that thread is its monitor thread back in its wait, so every event
+    // sent before the call has been queued on the daemon's event list.
+    bool WaitMonitorIdle(Clock::duration timeout);
+    // Fault injection through the driver shim: the daemon's next poll(2)
+    // fails with `err`, once. For qmudev that is its monitor thread's wait
+    // (a thread blocked in poll already is not interrupted: it meets the
+    // fault on its next call, after its next event).
+    void FailNextPoll(int err);
+
 private:
     bool Reap(bool block);
 
@@ -75,12 +87,28 @@ private:
     std::optional<ExitStatus> status_;
     std::string outPath_;
     std::string errPath_;
+    std::string binary_;
+    std::string pollFaultPath_;
+    std::string testbedRoot_;
     std::vector<std::string> env_;
 };
 
 }  // namespace qmlab
 
 namespace qmlab {
+// Reports of the sanitizer runtimes (AddressSanitizer, LeakSanitizer,
+// ThreadSanitizer, UndefinedBehaviorSanitizer) in a program's standard
+// error, one entry per report, each cut at its SUMMARY line.
+std::vector<std::string> SanitizerReports(const std::string &stderrText);
+// An instrumented daemon that finds a fault reports it on its standard
+// error and may exit with an ordinary status (ASan's is 1, which a failed
+// start-up also gives), so a status alone proves nothing. When a Daemon
+// ends, every report in its standard error goes to this handler; the lab's
+// test main makes each one a test failure.
+using SanitizerReportHandler = void (*)(const std::string &program, const std::string &report);
+// Returns the handler it replaces.
+SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler);
+
 // The lab's ioctl probe, a stand-in client of the driver [QMLAB_PROBE].
 std::string IoctlProbePath();
 }  // namespace qmlab

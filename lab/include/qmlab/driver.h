@@ -105,6 +105,9 @@ public:
     void HoldAll();
     // Stops holding and answers every held request in arrival order.
     void Release();
+    // Stops holding `op` alone (a HoldAll stays) and answers its held
+    // requests in arrival order; the other holds go on.
+    void Release(DriverOp op);
 
     // --- Observation. ------------------------------------------------------
     std::vector<DriverRequest> Requests() const;
@@ -156,6 +159,7 @@ private:
     bool holdAll_ = false;
     std::map<DriverOp, bool> hold_;
     bool releaseWanted_ = false;
+    std::vector<DriverOp> releaseOps_;  // Release(op) calls not yet served
     std::vector<DriverRequest> log_;
     size_t heldCount_ = 0;
     int openCount_ = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -122,6 +123,7 @@ struct AttributeWrite {
 };
 
 class AttributeWatcher;
+class OpenGate;
 
 class Testbed {
 public:
@@ -172,6 +174,10 @@ public:
     // its first line: a shorter value never leaves the tail of a longer one.
     std::vector<AttributeWrite> AttributeWrites() const;
     bool WaitAttributeWrites(size_t n, Clock::duration timeout) const;
+    // Returns once every write made before the call has been recorded (and
+    // its file cut back); false at the deadline. Lets a test assert that
+    // something was not written, or read an attribute back.
+    bool SyncAttributeWrites(Clock::duration timeout = 10s);
 
     // --- Events. -----------------------------------------------------------
     // Sends one uevent to every listening udev monitor of the testbed,
@@ -185,6 +191,21 @@ public:
     size_t ListenerCount();
     bool WaitListeners(size_t n, Clock::duration timeout);
     uint64_t EventsSent() const { return seqnum_; }
+
+    // --- Faults. ------------------------------------------------------------
+    // Writes into the attribute fail from now on as on a read-only file
+    // system (EROFS); reads still work. The file is bind-mounted read-only
+    // onto itself (the lab's own SetAttribute on it fails too).
+    void FailAttributeWrites(const std::string &syspath, const std::string &name);
+    // The first time a process other than the lab opens the attribute file,
+    // that open is held until `action` has run in a thread of the lab (a
+    // fanotify permission event), then allowed. For faults that must land
+    // at one exact point of the daemon's work, such as a device removed
+    // after the start-up scan enumerated it and before it looks it up.
+    // `action` must not open the gated file itself.
+    void OnFirstOpen(const std::string &syspath, const std::string &name, std::function<void()> action);
+    // Whether the action of OnFirstOpen has run (and returned).
+    bool WaitFirstOpen(Clock::duration timeout) const;
 
 private:
     std::string AddDevice(const std::string &subsystem, const std::string &name, const std::string &parent,
@@ -206,6 +227,8 @@ private:
     UMockdevTestbed *testbed_ = nullptr;
     std::string root_;
     std::unique_ptr<AttributeWatcher> watcher_;
+    std::unique_ptr<OpenGate> gate_;
+    std::vector<std::string> readOnlyMounts_;  // unmounted before the tree goes
     std::map<std::string, std::string> made_;  // key -> syspath of shared parents
     unsigned sdIndex_ = 0;
     unsigned nvmeMinor_ = 0;

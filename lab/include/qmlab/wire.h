@@ -13,6 +13,11 @@ constexpr uint32_t kMagic = 0x514d4c42;  // "QMLB"
 // nothing listening: open("/dev/misc_qmnv") fails with ENOENT.
 inline constexpr const char *kSocketEnv = "QMLAB_MISC_SOCKET";
 inline constexpr const char *kDevicePath = "/dev/misc_qmnv";
+// Fault switch: names a file in the daemon's environment. While the file
+// exists, the next poll(2) of the process fails with the errno written in
+// it (ENOMEM when it holds no number) and the file is removed: one failure
+// per arming.
+inline constexpr const char *kPollFaultEnv = "QMLAB_FAULT_POLL";
 // The shim sends at most this much of a record's data area.
 constexpr uint32_t kMaxPayload = 16u * 1024u * 1024u;
 

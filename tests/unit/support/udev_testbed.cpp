@@ -1,7 +1,6 @@
 #include "support/udev_testbed.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include <linux/capability.h>
 #include <poll.h>
@@ -31,11 +30,6 @@ std::vector<gchar *> Flatten(const Attrs &pairs)
     }
     flat.push_back(nullptr);
     return flat;
-}
-
-void WriteFile(const std::string &path, const std::string &content)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 void Put(Attrs &attrs, const char *name, const Opt &value)
@@ -72,8 +66,15 @@ bool SetDacOverride(bool on)
 
 }  // namespace
 
-Testbed::Testbed() : bed_(umockdev_testbed_new()), udev_(udev_new())
+// One umockdev testbed for the whole process, emptied for each user: every
+// testbed runs a worker thread of its own, and umockdev races between them
+// when a test makes several.
+Testbed::Testbed()
 {
+    static UMockdevTestbed *const shared = umockdev_testbed_new();
+    bed_ = shared;
+    umockdev_testbed_clear(bed_);
+    udev_.reset(udev_new());
     gchar *root = umockdev_testbed_get_root_dir(bed_);
     root_ = root;
     g_free(root);
@@ -82,7 +83,7 @@ Testbed::Testbed() : bed_(umockdev_testbed_new()), udev_(udev_new())
 Testbed::~Testbed()
 {
     udev_.reset();
-    g_object_unref(bed_);
+    umockdev_testbed_clear(bed_);
 }
 
 std::string Testbed::Add(const std::string &subsystem, const std::string &name, const std::string &parent,
@@ -147,69 +148,69 @@ UdevDevicePtr Testbed::Event(const std::string &sysPath, const char *action)
     return UdevDevicePtr(udev_monitor_receive_device(monitor.get()));
 }
 
-ScsiDiskSpec IscsiSpec()
+ScsiDiskLayout IscsiLayout()
 {
-    ScsiDiskSpec spec;
-    spec.transport = Transport::ISCSI;
-    spec.host = "host3";
-    spec.port = "session5";
-    spec.target = "target3:0:0";
-    spec.scsi = "3:0:0:1";
-    spec.block = "sdd";
-    return spec;
+    ScsiDiskLayout layout;
+    layout.transport = Transport::ISCSI;
+    layout.host = "host3";
+    layout.port = "session5";
+    layout.target = "target3:0:0";
+    layout.scsi = "3:0:0:1";
+    layout.block = "sdd";
+    return layout;
 }
 
-ScsiDiskSpec LocalSpec()
+ScsiDiskLayout LocalLayout()
 {
-    ScsiDiskSpec spec;
-    spec.transport = Transport::LOCAL;
-    spec.host = "host0";
-    spec.target = "target0:0:0";
-    spec.scsi = "0:0:0:0";
-    spec.block = "sda";
-    return spec;
+    ScsiDiskLayout layout;
+    layout.transport = Transport::LOCAL;
+    layout.host = "host0";
+    layout.target = "target0:0:0";
+    layout.scsi = "0:0:0:0";
+    layout.block = "sda";
+    return layout;
 }
 
-ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskSpec &spec)
+ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskLayout &layout)
 {
     ScsiDisk disk;
-    std::string parent = bed.Add("scsi_host", spec.host, "");
-    if (spec.transport != Transport::LOCAL) {
-        const char *portClass = (spec.transport == Transport::FC) ? "fc_remote_ports" : "iscsi_session";
-        disk.port = bed.Add("", spec.port, parent);
-        disk.portClass = bed.Add(portClass, spec.port, bed.Dir(disk.port, portClass), spec.portAttrs);
+    std::string parent = bed.Add("scsi_host", layout.host, "");
+    if (layout.transport != Transport::LOCAL) {
+        const char *portClass = (layout.transport == Transport::FC) ? "fc_remote_ports" : "iscsi_session";
+        disk.port = bed.Add("", layout.port, parent);
+        disk.portClass = bed.Add(portClass, layout.port, bed.Dir(disk.port, portClass), layout.portAttrs);
         parent = disk.port;
     }
-    std::string target = bed.Add("scsi", spec.target, parent, {}, {{"DEVTYPE", "scsi_target"}});
+    std::string target = bed.Add("scsi", layout.target, parent, {}, {{"DEVTYPE", "scsi_target"}});
     Attrs scsiAttrs;
-    Put(scsiAttrs, "vendor", spec.vendor);
-    Put(scsiAttrs, "model", spec.model);
-    Put(scsiAttrs, "timeout", spec.timeout);
-    disk.scsi = bed.Add("scsi", spec.scsi, target, scsiAttrs, {{"DEVTYPE", "scsi_device"}});
+    Put(scsiAttrs, "vendor", layout.vendor);
+    Put(scsiAttrs, "model", layout.model);
+    Put(scsiAttrs, "timeout", layout.timeout);
+    disk.scsi = bed.Add("scsi", layout.scsi, target, scsiAttrs, {{"DEVTYPE", "scsi_device"}});
     Attrs props = {{"DEVTYPE", "disk"}};
-    Put(props, "MAJOR", spec.major);
-    Put(props, "MINOR", spec.minor);
-    Put(props, "ID_WWN_WITH_EXTENSION", spec.wwn);
-    disk.block = bed.Add("block", spec.block, bed.Dir(disk.scsi, "block"), {}, props);
+    Put(props, "MAJOR", layout.major);
+    Put(props, "MINOR", layout.minor);
+    Put(props, "ID_WWN_WITH_EXTENSION", layout.wwn);
+    disk.block = bed.Add("block", layout.block, bed.Dir(disk.scsi, "block"), {}, props);
     return disk;
 }
 
-std::string AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec)
+std::string AddNvmeDisk(Testbed &bed, const NvmeDiskLayout &layout)
 {
     Attrs controllerAttrs;
-    Put(controllerAttrs, "model", spec.model);
-    std::string parent = bed.Add("nvme", spec.controller, "", controllerAttrs);
-    if (spec.underSubsystem) {
+    Put(controllerAttrs, "model", layout.model);
+    std::string parent = bed.Add("nvme", layout.controller, "", controllerAttrs);
+    if (layout.underSubsystem) {
         parent = bed.Add("nvme-subsystem", "nvme-subsys0", "");
     }
     Attrs attrs;
-    Put(attrs, "nsid", spec.nsid);
-    Put(attrs, "cntlid", spec.cntlid);
-    Put(attrs, "hidden", spec.hidden);
+    Put(attrs, "nsid", layout.nsid);
+    Put(attrs, "cntlid", layout.cntlid);
+    Put(attrs, "hidden", layout.hidden);
     Attrs props = {{"MAJOR", "259"}, {"MINOR", "2"}};
-    Put(props, "DEVTYPE", spec.devtype);
-    Put(props, "ID_WWN", spec.wwn);
-    return bed.Add("block", spec.block, parent, attrs, props);
+    Put(props, "DEVTYPE", layout.devtype);
+    Put(props, "ID_WWN", layout.wwn);
+    return bed.Add("block", layout.block, parent, attrs, props);
 }
 
 std::string AddBareBlock(Testbed &bed, const std::string &name, const std::string &major, const std::string &minor)
@@ -278,32 +279,14 @@ bool LogCapture::Contains(const std::string &fragment) const
     return false;
 }
 
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/qmudev-test-XXXXXX";
-    const char *made = mkdtemp(pattern);
-    path_ = (made == nullptr) ? "" : made;
-}
-
-TempDir::~TempDir()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TempDir::Write(const std::string &name, const std::string &content) const
-{
-    WriteFile(path_ + "/" + name, content);
-    return path_ + "/" + name;
-}
-
 VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>> rules)
 {
     std::string text = "[vendors]\n";
     for (const auto &rule : rules) {
         text += "ruler_name=test,vendor_id=" + rule.first + ",product_id=" + rule.second + ",driver=qm\n";
     }
-    UDEV_InitConfigFromPath(dir_.Write("qm_plus.conf", text).c_str());
+    WriteFile(dir_.File("qm_plus.conf"), text);
+    UDEV_InitConfigFromPath(dir_.File("qm_plus.conf").c_str());
 }
 
 VendorList::~VendorList()
@@ -313,7 +296,8 @@ VendorList::~VendorList()
 
 TimeoutSettings::TimeoutSettings(const std::string &text)
 {
-    UDEV_InitQmLinuxConfigFromPath(dir_.Write("qmLinux.conf", text).c_str());
+    WriteFile(dir_.File("qmLinux.conf"), text);
+    UDEV_InitQmLinuxConfigFromPath(dir_.File("qmLinux.conf").c_str());
 }
 
 TimeoutSettings::~TimeoutSettings()

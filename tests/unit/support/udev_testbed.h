@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "raii.h"
+#include "support/trace_capture.h"
 #include "udev_event.h"
 
 typedef struct _UMockdevTestbed UMockdevTestbed;
@@ -20,7 +21,7 @@ namespace qmtest {
 using Attrs = std::vector<std::pair<std::string, std::string>>;
 using Opt = std::optional<std::string>;
 
-// The process sees the testbed as /sys while it lives.
+// The process sees the testbed as /sys while it lives; one at a time.
 class Testbed {
 public:
     Testbed();
@@ -50,7 +51,7 @@ private:
 enum class Transport { FC, ISCSI, LOCAL };
 
 // Defaults: FC disk host2/rport-2:0-7/target2:0:1/2:0:1:3/block/sdc, 8:32.
-struct ScsiDiskSpec {
+struct ScsiDiskLayout {
     Transport transport = Transport::FC;
     std::string host = "host2";
     std::string port = "rport-2:0-7";  // remote port or iSCSI session
@@ -65,8 +66,8 @@ struct ScsiDiskSpec {
     Attrs portAttrs = {{"dev_loss_tmo", "30"}, {"fast_io_fail_tmo", "25"}, {"recovery_tmo", "120"}};
     Opt timeout = "60";
 };
-ScsiDiskSpec IscsiSpec();  // host3/session5/target3:0:0/3:0:0:1/block/sdd
-ScsiDiskSpec LocalSpec();  // host0/target0:0:0/0:0:0:0/block/sda
+ScsiDiskLayout IscsiLayout();  // host3/session5/target3:0:0/3:0:0:1/block/sdd
+ScsiDiskLayout LocalLayout();  // host0/target0:0:0/0:0:0:0/block/sda
 
 struct ScsiDisk {
     std::string port;       // the FC port or session device itself
@@ -74,10 +75,10 @@ struct ScsiDisk {
     std::string scsi;
     std::string block;
 };
-ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskSpec &spec = {});
+ScsiDisk AddScsiDisk(Testbed &bed, const ScsiDiskLayout &layout = {});
 
 // Defaults: controller nvme3 (model QUILL-MESH1) / nvme3n2, 259:2, nsid 2.
-struct NvmeDiskSpec {
+struct NvmeDiskLayout {
     std::string controller = "nvme3";
     Opt model = "QUILL-MESH1";
     bool underSubsystem = false;  // namespace below an nvme-subsystem device
@@ -88,7 +89,7 @@ struct NvmeDiskSpec {
     Opt hidden = "0";
     Opt wwn = "eui.0025388b91d0a3b1";
 };
-std::string AddNvmeDisk(Testbed &bed, const NvmeDiskSpec &spec = {});
+std::string AddNvmeDisk(Testbed &bed, const NvmeDiskLayout &layout = {});
 
 // A block disk directly under /sys/devices, as sr0 or dm-0.
 std::string AddBareBlock(Testbed &bed, const std::string &name, const std::string &major = "11",
@@ -119,20 +120,6 @@ public:
     size_t Count(const std::string &message) const;
     bool Has(const std::string &message) const { return Count(message) > 0; }
     bool Contains(const std::string &fragment) const;
-};
-
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    const std::string &Path() const { return path_; }
-    std::string Write(const std::string &name, const std::string &content) const;
-
-private:
-    std::string path_;
 };
 
 // The vendor support list with one rule per (vendor, product) pair.
