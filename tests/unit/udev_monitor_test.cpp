@@ -1,7 +1,8 @@
 // The monitor thread against a umockdev testbed: received disks become bare
 // nodes, partitions never arrive, an interrupted poll is an idle poll, and
 // the thread ends on the stop flag or by cancellation with its libudev
-// objects released (LeakSanitizer checks the latter).
+// objects released (LeakSanitizer checks the latter), and the monitor asks
+// for a receive buffer that holds a burst (a warning when refused).
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -10,11 +11,16 @@
 #include <vector>
 
 #include <libudev.h>
+#include <linux/capability.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/event_bed.h"
 #include "support/pipeline_support.h"
+#include "support/trace_capture.h"
 #include "udev_event.h"
 #include "udev_log.h"
 #include "udev_monitor.h"
@@ -117,6 +123,80 @@ TEST_F(MonitorTest, StopFlagEndsTheLoopAtTheNextEvent)
     EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
     ASSERT_TRUE(TakeQueued(&taken_));
     EXPECT_EQ(Taken(), (std::vector<std::string>{"change sdm"}));
+}
+
+int ReceiveBufferOf(int fd)
+{
+    int size = 0;
+    socklen_t len = sizeof(size);
+    return getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &len) == 0 ? size : -1;
+}
+
+long RmemMax()
+{
+    return std::stol("0" + qmtest::ReadFile("/proc/sys/net/core/rmem_max"));
+}
+
+// Capabilities belong to a thread: only the calling thread loses it.
+bool DropNetAdminOfThisThread()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (syscall(SYS_capget, &header, data) != 0) {
+        return false;
+    }
+    data[CAP_NET_ADMIN / 32].effective &= ~(1u << (CAP_NET_ADMIN % 32));
+    return syscall(SYS_capset, &header, data) == 0;
+}
+
+const char kRefusedBuffer[] = "set receive buffer size{134217728} of udev monitor failed.";
+
+TEST_F(MonitorTest, MonitorGetsALargeReceiveBuffer)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "the size is above rmem_max: only CAP_NET_ADMIN gets it";
+    }
+    qmtest::TraceCapture trace;
+    UdevPtr udev(udev_new());
+    struct udev_monitor *raw = nullptr;
+    int fd = -1;
+    ASSERT_TRUE(UDEV_MonitorInit(udev.get(), &raw, &fd));
+    UdevMonitorPtr monitor(raw);
+    // The kernel reports twice what was set, for its own bookkeeping.
+    EXPECT_GE(ReceiveBufferOf(fd), UDEV_MONITOR_RCVBUF_SIZE);
+    EXPECT_FALSE(trace.Has(kRefusedBuffer));
+}
+
+TEST_F(MonitorTest, RefusedReceiveBufferIsAWarningAndTheMonitorStillWorks)
+{
+    if (RmemMax() >= UDEV_MONITOR_RCVBUF_SIZE) {
+        GTEST_SKIP() << "rmem_max allows the size to anyone";
+    }
+    qmtest::TraceCapture trace;
+    bool initialised = false;
+    bool received = false;
+    std::thread unprivileged([&] {
+        ASSERT_TRUE(DropNetAdminOfThisThread());
+        UdevPtr udev(udev_new());
+        struct udev_monitor *raw = nullptr;
+        int fd = -1;
+        initialised = UDEV_MonitorInit(udev.get(), &raw, &fd);
+        UdevMonitorPtr monitor(raw);
+        if (!initialised) {
+            return;
+        }
+        EXPECT_LT(ReceiveBufferOf(fd), UDEV_MONITOR_RCVBUF_SIZE);
+        bed_.Send(disk_, "add");
+        struct pollfd pollFd = {fd, POLLIN, 0};
+        ASSERT_EQ(poll(&pollFd, 1, 10000), 1);
+        UdevDevicePtr device(udev_monitor_receive_device(monitor.get()));
+        received = device != nullptr;
+    });
+    unprivileged.join();
+    EXPECT_TRUE(initialised);
+    EXPECT_TRUE(received);
+    EXPECT_TRUE(trace.Has(std::string("[WARN][UDEV  ][UDEV_MonitorInit: ")));
+    EXPECT_TRUE(trace.Has(kRefusedBuffer));
 }
 
 }  // namespace

@@ -29,7 +29,9 @@
 #include <atomic>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include <libudev.h>
@@ -82,30 +84,41 @@ bool UDEV_IsSuperseder(const UdevEventNode *eventNode)
     return std::strcmp(eventNode->action, "change") != 0;
 }
 
+std::string_view UDEV_DevNumOf(const UdevEventNode *eventNode)
+{
+    return {eventNode->devNum, strnlen(eventNode->devNum, sizeof(eventNode->devNum))};
+}
+
+// Hashes a device number given as std::string or std::string_view alike, so
+// that a lookup with a node's devNum builds no std::string.
+struct UdevDevNumHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view devNum) const noexcept { return std::hash<std::string_view>{}(devNum); }
+};
+
 // Counts, per device number, the superseding nodes on the working list.
 // Forget() must be called for every node deleted while the index is in use.
+// Keys are owned copies (a node may be deleted while others of its device
+// number are still counted); lookups take the node's text as it stands.
 class SupersedeIndex {
 public:
     explicit SupersedeIndex(UdevListHead *list) : list_(list) { Build(); }
 
+    // Lookups allocate nothing and cannot fail: only Build can run out of
+    // memory.
     bool IsSuperseded(UdevEventNode *eventNode)
     {
-        if (indexed_) {
-            try {
-                auto it = counts_.find(std::string(eventNode->devNum));
-                size_t total = it == counts_.end() ? 0 : it->second;
-                size_t self = UDEV_IsSuperseder(eventNode) ? 1 : 0;
-                if (total <= self) {
-                    return false;
-                }
-            } catch (const std::exception &) {
-                DropIndex();
-                return UDEV_FindUdevEvent(list_, eventNode);
-            }
-            MPI_Log(MPI_LOG_INFO, "find same udev event %s.\n", eventNode->devNum);
-            return true;
+        if (!indexed_) {
+            return UDEV_FindUdevEvent(list_, eventNode);
         }
-        return UDEV_FindUdevEvent(list_, eventNode);
+        auto it = counts_.find(UDEV_DevNumOf(eventNode));
+        size_t total = it == counts_.end() ? 0 : it->second;
+        size_t self = UDEV_IsSuperseder(eventNode) ? 1 : 0;
+        if (total <= self) {
+            return false;
+        }
+        MPI_Log(MPI_LOG_INFO, "find same udev event %s.\n", eventNode->devNum);
+        return true;
     }
 
     void Forget(const UdevEventNode *eventNode)
@@ -113,13 +126,9 @@ public:
         if (!indexed_ || !UDEV_IsSuperseder(eventNode)) {
             return;
         }
-        try {
-            auto it = counts_.find(std::string(eventNode->devNum));
-            if (it != counts_.end() && it->second > 0) {
-                --it->second;
-            }
-        } catch (const std::exception &) {
-            DropIndex();
+        auto it = counts_.find(UDEV_DevNumOf(eventNode));
+        if (it != counts_.end() && it->second > 0) {
+            --it->second;
         }
     }
 
@@ -129,8 +138,15 @@ private:
         try {
             for (UdevListHead *pos = list_->next; pos != list_; pos = pos->next) {
                 const UdevEventNode *node = UDEV_NodeOf(pos);
-                if (UDEV_IsSuperseder(node)) {
-                    ++counts_[std::string(node->devNum)];
+                if (!UDEV_IsSuperseder(node)) {
+                    continue;
+                }
+                std::string_view devNum = UDEV_DevNumOf(node);
+                auto it = counts_.find(devNum);
+                if (it != counts_.end()) {
+                    ++it->second;
+                } else {
+                    counts_.emplace(std::string(devNum), 1);
                 }
             }
             indexed_ = true;
@@ -151,7 +167,7 @@ private:
     }
 
     UdevListHead *list_;
-    std::unordered_map<std::string, size_t> counts_;
+    std::unordered_map<std::string, size_t, UdevDevNumHash, std::equal_to<>> counts_;
     bool indexed_ = false;
 };
 

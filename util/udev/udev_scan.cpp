@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <new>
+
+#include <malloc.h>
 #include <string_view>
 #include <unordered_set>
 
@@ -218,6 +220,19 @@ bool UDEV_UpdatePhyDev()
     return true;
 }
 
+// The enumeration held a libudev record of every block device (several KB
+// each, tens of MB on a host with thousands of paths), all freed by now.
+// The allocator keeps freed memory in this thread's arena, where the worker
+// threads (which allocate from arenas of their own) never reuse it: handed
+// back here, an event storm after start-up costs memory of its own instead
+// of adding to what the scan held.
+namespace {
+void UDEV_ReleaseScanMemory()
+{
+    (void)malloc_trim(0);
+}
+}  // namespace
+
 bool UDEV_Scan()
 {
     UDEV_DeleteEventList(&g_scanList);
@@ -225,8 +240,10 @@ bool UDEV_Scan()
     if (!UDEV_UpdatePhyDev()) {
         MPI_Log(MPI_LOG_ERROR, "%s.\n", "Update physical device failed");
         UDEV_DeleteEventList(&g_scanList);
+        UDEV_ReleaseScanMemory();
         return false;
     }
     g_handOver(&g_scanList);
+    UDEV_ReleaseScanMemory();
     return true;
 }
