@@ -1,9 +1,10 @@
 // qmudev-lab-demo: the daemon's main job in the emulation lab, as a short
 // readable transcript. Two FC disks, one iSCSI disk, two NVMe namespaces, a
 // disk of an unsupported vendor, and a device number the driver still holds
-// that udev no longer has. The daemon starts, becomes ready, a disk is
-// hot-added and one removed, then the daemon is stopped with SIGTERM (it has
-// no handler: the process just ends).
+// that udev no longer has. The daemon starts, becomes ready, a virtual disk
+// of the product's own driver appears (LVM activation follows), a disk is
+// hot-added, one changes and one is removed, then the daemon is stopped
+// with SIGTERM (it has no handler: the process just ends).
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -64,17 +65,43 @@ int Run()
         },
         20s);
 
+    // A virtual disk of the product's own driver (major 252, "quillmesh" in
+    // /proc/devices): the daemon asks for LVM activation, which runs about
+    // five seconds later, and drops the event itself (neither sd nor nvme).
+    tb.WaitListeners(1, 10s);
+    BlockDevice vdisk = tb.AddBlock({.name = "qmvd0", .major = 252, .minor = 0});
+    std::printf("new virtual disk %s (%s): %zu monitor(s) told\n", vdisk.name.c_str(), vdisk.DevNum().c_str(),
+                tb.Emit(vdisk.syspath, "add"));
+    lab.WaitTrace("get the device name{qmvd0}", 10s);
+
     // Hot-add an FC disk, then remove the iSCSI disk. The daemon's handle
     // thread loses a wake-up that comes while it is busy (by design; its
     // two-minute wake-up catches up), so the removal waits until the add
     // has been handled, time-outs included.
-    tb.WaitListeners(1, 10s);
     BlockDevice hot = tb.AddFcDisk({.host = 2, .channel = 0, .port = 8, .target = 2, .lun = 0});
     size_t writesBefore = tb.AttributeWrites().size();
     std::printf("hot-add %s (%s): %zu monitor(s) told\n", hot.name.c_str(), hot.DevNum().c_str(),
                 tb.Emit(hot.syspath, "add"));
     tb.WaitAttributeWrites(writesBefore + 2, 20s);  // the new port's two time-outs
     lab.WaitTrace("attr{timeout}", 1s);
+    auto answered = [&](DriverOp op, const std::string &devNum) {
+        return lab.driver().WaitFor(
+            [&](const std::vector<DriverRequest> &all) {
+                for (const auto &r : all) {
+                    if (r.op == op && r.DevNum() == devNum && r.answered) {
+                        return true;
+                    }
+                }
+                return false;
+            },
+            20s);
+    };
+    std::printf("change  %s (%s): %zu monitor(s) told\n", s.fc2.name.c_str(), s.fc2.DevNum().c_str(),
+                tb.Emit(s.fc2.syspath, "change"));
+    if (!answered(DriverOp::Change, s.fc2.DevNum())) {
+        std::printf("(the change was not handled within 20 s: its wake-up was lost, the daemon's\n"
+                    " two-minute wake-up would catch up)\n");
+    }
     std::string iscsiNum = s.iscsi.DevNum();
     std::printf("remove  %s (%s): %zu monitor(s) told\n", s.iscsi.name.c_str(), iscsiNum.c_str(),
                 tb.RemoveAndEmit(s.iscsi.syspath));
@@ -90,6 +117,10 @@ int Run()
             20s)) {
         std::printf("(the removal was not handled within 20 s: its wake-up was lost, the daemon's\n"
                     " two-minute wake-up would catch up)\n");
+    }
+
+    if (lab.sandbox().WaitLvmRuns(1, 15s)) {
+        std::printf("lvm ran for the virtual disk\n");
     }
 
     ExitStatus status = daemon.Stop();

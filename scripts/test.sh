@@ -16,10 +16,12 @@ mkdir -p "$out"
 
 passed=0
 failed=0
+started=$SECONDS
+stamp() { echo "== [$(( (SECONDS - started) / 60 ))m$(( (SECONDS - started) % 60 ))s] $*"; }
 run_ctest() {  # run_ctest BUILD-NAME [ctest options]
   local name=$1
   shift
-  echo "== ctest: $name"
+  stamp "ctest: $name"
   local log="$out/ctest-$name.log"
   if (cd "$out/$name" && ctest --output-on-failure --no-tests=error -j"$(nproc)" "$@") 2>&1 | tee "$log"; then
     :
@@ -34,22 +36,22 @@ run_ctest() {  # run_ctest BUILD-NAME [ctest options]
 }
 
 step() {  # step NAME COMMAND...: a non-test step that must succeed
-  echo "== $1"
+  stamp "$1"
   shift
   if ! "$@"; then
     failed=$((failed + 1))
   fi
 }
 
-echo "== build: plain"
+stamp "build: plain"
 bash "$top/scripts/build.sh" "$out/plain"
 run_ctest plain
 
-echo "== build: asan+ubsan"
+stamp "build: asan+ubsan"
 bash "$top/scripts/build.sh" "$out/asan" -DQMUDEV_SANITIZE=address -DQMUDEV_BENCH=OFF
 run_ctest asan
 
-echo "== build: tsan"
+stamp "build: tsan"
 bash "$top/scripts/build.sh" "$out/tsan" -DQMUDEV_SANITIZE=thread -DQMUDEV_BENCH=OFF
 run_ctest tsan
 
@@ -63,5 +65,6 @@ if [ -f "$top/scripts/check-package.sh" ]; then
   step "package" bash "$top/scripts/check-package.sh" "$out/plain"
 fi
 
+stamp "done"
 echo "qmudev: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]

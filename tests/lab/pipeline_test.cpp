@@ -279,9 +279,11 @@ TEST_P(PipelineRetry, RefusedRequestIsSentAgainAtTheFirstWalkTwoMinutesLater)
     }
     EXPECT_EQ(statuses, (std::vector<uint32_t>{1030u, 1024u})) << "refused once, accepted once, nothing more";
 
-    // The daemon's clock, from the records of the requests it sent.
-    auto trace = lab.TraceLog();
+    // The daemon's clock, from the records of the requests it sent (each
+    // written once the driver's answer is in).
     std::string text = c.op == DriverOp::Add ? ScsiInfo(disk) : num;
+    ASSERT_TRUE(lab.WaitTrace(DriverRecord(text, c.action, 1024), 10s));
+    auto trace = lab.TraceLog();
     long refused = IndexOf(trace, DriverRecord(text, c.action, 1030));
     long again = IndexOf(trace, DriverRecord(text, c.action, 1024));
     ASSERT_GE(refused, 0);

@@ -2,19 +2,14 @@
 // rule, then matching of vendor and product against the loaded rules.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include <ftw.h>
-
 #include "mpi_usr_if.h"
+#include "support/trace_capture.h"
 #include "udev_config.h"
 
 namespace {
@@ -30,39 +25,16 @@ const char *const kExampleFile =
 
 class VendorListTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    void TearDown() override { UDEV_ReleaseConfig(); }
+
+    bool Load(const std::string &content)
     {
-        char pattern[] = "/tmp/qmudev-config-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        tracePath_ = dir_ + "/trace.txt";
-        ASSERT_EQ(MPI_SetLogFile(tracePath_.c_str()), 1024);
+        std::string path = dir_.File("qm_plus.conf");
+        qmtest::WriteFile(path, content);
+        return UDEV_InitConfigFromPath(path.c_str());
     }
 
-    void TearDown() override
-    {
-        UDEV_ReleaseConfig();
-        nftw(
-            dir_.c_str(), [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 8,
-            FTW_DEPTH | FTW_PHYS);
-    }
-
-    std::string WriteFile(const std::string &content)
-    {
-        std::string path = dir_ + "/qm_plus.conf";
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-        return path;
-    }
-
-    bool Load(const std::string &content) { return UDEV_InitConfigFromPath(WriteFile(content).c_str()); }
-
-    std::string Trace() const
-    {
-        std::ifstream in(tracePath_, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    bool TraceHas(const std::string &text) const { return trace_.Has(text); }
 
     static std::vector<Rule> Rules()
     {
@@ -81,8 +53,8 @@ protected:
         return std::string(field, strnlen(field, UDEV_CFG_FIELD_LEN));
     }
 
-    std::string dir_;
-    std::string tracePath_;
+    qmtest::TempDir dir_;
+    qmtest::TraceCapture trace_;
 };
 
 Rule VendorOnly(const std::string &vendor)
@@ -99,9 +71,9 @@ TEST_F(VendorListTest, MissingFileFailsWithEmptyList)
     ASSERT_TRUE(Load("[vendors]\nvendor_id=OLD\n"));
     ASSERT_EQ(Rules().size(), 1u);
 
-    EXPECT_FALSE(UDEV_InitConfigFromPath((dir_ + "/absent.conf").c_str()));
+    EXPECT_FALSE(UDEV_InitConfigFromPath(dir_.File("absent.conf").c_str()));
     EXPECT_TRUE(Rules().empty());
-    EXPECT_NE(Trace().find("open file failed.\n"), std::string::npos);
+    EXPECT_TRUE(TraceHas("open file failed.\n"));
 }
 
 TEST_F(VendorListTest, ReloadReplacesEarlierRules)
@@ -118,11 +90,6 @@ struct GrammarCase {
     std::string content;
     std::vector<Rule> rules;
 };
-
-void PrintTo(const GrammarCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
 
 class VendorGrammarTest : public VendorListTest, public ::testing::WithParamInterface<GrammarCase> {};
 
@@ -144,7 +111,7 @@ std::string Bytes(const char (&text)[N])
     return std::string(text, N - 1);
 }
 
-const GrammarCase kHeaderCases[] = {
+const GrammarCase kGrammarCases[] = {
     {"NoHeaderNoRules", "vendor_id=V\nproduct_id=P\n", {}},
     {"LinesBeforeHeaderIgnored", "vendor_id=BEFORE\n[vendors]\nvendor_id=AFTER\n", {VendorOnly("AFTER")}},
     {"HeaderWithBlanksInside", "[ vendors ]\nvendor_id=V\n", {VendorOnly("V")}},
@@ -154,11 +121,6 @@ const GrammarCase kHeaderCases[] = {
     {"LaterSectionHeaderIsARule", "[vendors]\n[other]\nvendor_id=V\n", {kEmptyRule, VendorOnly("V")}},
     {"HashLineIsARule", "[vendors]\n# vendor_id=V\n", {kEmptyRule}},
     {"SecondHeaderIsNoRule", "[vendors]\n[vendors]\nvendor_id=V\n", {VendorOnly("V")}},
-};
-INSTANTIATE_TEST_SUITE_P(Header, VendorGrammarTest, ::testing::ValuesIn(kHeaderCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-const GrammarCase kLineEndCases[] = {
     {"DocumentedExample",
      kExampleFile,
      {Rule{"rule_a", "VENDOR", "PRODUCT", "drv"}, Rule{"rule_b", "VENDOR2", "MODEL-2", ""}}},
@@ -169,21 +131,11 @@ const GrammarCase kLineEndCases[] = {
     {"BackslashOnLastLineWithoutNewline", "[vendors]\nvendor_id=V\\\n", {}},
     {"EmptyAndBlankLinesIgnored", "[vendors]\n\n   \n\t\nvendor_id=V\n\n", {VendorOnly("V")}},
     {"CarriageReturnsDropped", "[vendors]\r\nvendor_id=V\r\n", {VendorOnly("V")}},
-};
-INSTANTIATE_TEST_SUITE_P(LineEnds, VendorGrammarTest, ::testing::ValuesIn(kLineEndCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-const GrammarCase kCleaningCases[] = {
     {"BlanksQuotesSemicolonsRemoved", "[vendors]\nvendor_id = \"A B\" ;\n", {VendorOnly("AB")}},
     {"HighBytesRemoved", "[vendors]\nvendor_id=A\xff\x80" "B\n", {VendorOnly("AB")}},
     {"ControlBytesRemoved", "[vendors]\nvendor_id=A\x01\x1f" "B\x7f\n", {VendorOnly("AB\x7f")}},
     {"NulEndsTheLine", Bytes("[vendors]\nvendor_id=AB\0,product_id=P\n"), {VendorOnly("AB")}},
     {"NulAloneIsAnEmptyLine", Bytes("[vendors]\n\0\nvendor_id=V\n"), {VendorOnly("V")}},
-};
-INSTANTIATE_TEST_SUITE_P(Cleaning, VendorGrammarTest, ::testing::ValuesIn(kCleaningCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-const GrammarCase kPairCases[] = {
     {"FourPairsKept",
      "[vendors]\nruler_name=R,vendor_id=V,product_id=P,driver=D\n",
      {Rule{"R", "V", "P", "D"}}},
@@ -205,13 +157,7 @@ const GrammarCase kPairCases[] = {
     {"ValueOf64DropsLine", "[vendors]\nvendor_id=" + Repeat('v', 64) + "\nvendor_id=NEXT\n", {VendorOnly("NEXT")}},
     {"UnknownKeyWithLongValueIgnored", "[vendors]\nnote=" + Repeat('n', 200) + ",vendor_id=V\n", {VendorOnly("V")}},
     {"KeyOf64IsUnknown", "[vendors]\n" + Repeat('k', 64) + "=V\n", {kEmptyRule}},
-};
-INSTANTIATE_TEST_SUITE_P(Pairs, VendorGrammarTest, ::testing::ValuesIn(kPairCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-// A line's raw characters count, blanks included: 511 of them fill the
-// buffer, and the character that finds it full is dropped.
-const GrammarCase kLongLineCases[] = {
+    // Raw characters count, blanks included: 511 fill the buffer, the next is dropped.
     {"Raw510CharactersKept", "[vendors]\nvendor_id=V" + Repeat(' ', 499) + "\n", {VendorOnly("V")}},
     {"Raw511CharactersDiscarded", "[vendors]\nvendor_id=V" + Repeat(' ', 500) + "\nvendor_id=NEXT\n",
      {VendorOnly("NEXT")}},
@@ -224,26 +170,18 @@ const GrammarCase kLongLineCases[] = {
      {VendorOnly("V")}},
     {"BackslashFlagResetByFullBuffer", "[vendors]\n" + Repeat(' ', 511) + "\\\nvendor_id=V\n", {VendorOnly("V")}},
 };
-INSTANTIATE_TEST_SUITE_P(LongLines, VendorGrammarTest, ::testing::ValuesIn(kLongLineCases),
+INSTANTIATE_TEST_SUITE_P(Rules, VendorGrammarTest, ::testing::ValuesIn(kGrammarCases),
                          [](const auto &info) { return std::string(info.param.name); });
-
-TEST_F(VendorListTest, LongLineIsReported)
-{
-    ASSERT_TRUE(Load("[vendors]\n" + Repeat('x', 600) + "\n"));
-    std::string expected = "single line over maximum number of characters:" + Repeat('x', 511) + "\n";
-    EXPECT_NE(Trace().find(expected), std::string::npos);
-}
 
 TEST_F(VendorListTest, RejectedLinesAreReported)
 {
-    ASSERT_TRUE(Load("[vendors]\na=1,b=2,c=3,d=4,e=5\nvendor_id=" + Repeat('v', 64) + "\n"));
-    std::string trace = Trace();
-    EXPECT_NE(trace.find("more than buffer length.\n"), std::string::npos);
-    EXPECT_NE(trace.find("sprintf_s failed.\n"), std::string::npos);
+    ASSERT_TRUE(Load("[vendors]\n" + Repeat('x', 600) + "\na=1,b=2,c=3,d=4,e=5\nvendor_id=" + Repeat('v', 64) + "\n"));
+    EXPECT_TRUE(TraceHas("single line over maximum number of characters:" + Repeat('x', 511) + "\n"));
+    EXPECT_TRUE(TraceHas("more than buffer length.\n"));
+    EXPECT_TRUE(TraceHas("sprintf_s failed.\n"));
 }
 
-// Whatever bytes the file holds, reading stays inside its buffers (the
-// sanitizer builds check that) and every stored field is a text.
+// Junk stays inside the buffers (sanitizer builds check) and fields stay texts.
 TEST_F(VendorListTest, JunkContentIsReadSafely)
 {
     std::mt19937 random(20240501);
@@ -272,11 +210,6 @@ struct TextCase {
     std::string input;
     std::string output;
 };
-
-void PrintTo(const TextCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
 
 class ClearTailSpaceTest : public ::testing::TestWithParam<TextCase> {};
 
@@ -328,7 +261,7 @@ TEST_F(VendorListTest, EmptyListSupportsNothing)
 {
     EXPECT_FALSE(UDEV_DeviceIsSupport("VENDOR", "PRODUCT"));
     EXPECT_FALSE(UDEV_DeviceIsSupport("VENDOR", nullptr));
-    EXPECT_NE(Trace().find("list is NULL.\n"), std::string::npos);
+    EXPECT_TRUE(TraceHas("list is NULL.\n"));
 }
 
 struct MatchCase {
@@ -337,11 +270,6 @@ struct MatchCase {
     const char *product;  // null: the disk has no product text
     bool supported;
 };
-
-void PrintTo(const MatchCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
 
 class VendorMatchTest : public VendorListTest, public ::testing::WithParamInterface<MatchCase> {};
 
@@ -384,7 +312,7 @@ TEST_F(VendorListTest, LongProductIsReported)
 {
     ASSERT_TRUE(Load(kExampleFile));
     ASSERT_FALSE(UDEV_DeviceIsSupport("VENDOR", kProduct64.c_str()));
-    EXPECT_NE(Trace().find("sprintf_s failed.\n"), std::string::npos);
+    EXPECT_TRUE(TraceHas("sprintf_s failed.\n"));
 }
 
 }  // namespace

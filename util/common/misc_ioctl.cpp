@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -107,24 +108,34 @@ bool NeedLenAcceptable(uint32_t needLen)
 
 }  // namespace
 
+namespace {
+
+// The device node the channel opens; tests point it at a stand-in.
+const char *g_miscDevicePath = MISC_DEVICE_PATH;
+
+}  // namespace
+
 int INTF_UTIL_MiscIoctlInitAt(const char *path)
+{
+    const char *saved = std::exchange(g_miscDevicePath, path);
+    int ret = INTF_UTIL_MiscIoctlInit();
+    g_miscDevicePath = saved;
+    return ret;
+}
+
+int INTF_UTIL_MiscIoctlInit()
 {
     if (IsOpen()) {
         MPI_Log(MPI_LOG_WARN, "already open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_OK;
     }
-    int fd = ::open(path, O_RDWR);
+    int fd = ::open(g_miscDevicePath, O_RDWR);
     g_miscFd.store(fd, std::memory_order_relaxed);
     if (fd < 0) {
         MPI_Log(MPI_LOG_ERROR, "Failed to open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;
-}
-
-int INTF_UTIL_MiscIoctlInit()
-{
-    return INTF_UTIL_MiscIoctlInitAt(MISC_DEVICE_PATH);
 }
 
 void INTF_UTIL_MiscIoctlClose()

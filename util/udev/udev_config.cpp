@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "mpi_usr_if.h"
 #include "raii.h"
@@ -235,11 +236,26 @@ void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferInd
     *bufferIndex = 0;
 }
 
+namespace {
+
+// The vendor list file; tests point it at files of their own.
+const char *g_vendorConfigPath = UDEV_VENDOR_CONFIG_PATH;
+
+}  // namespace
+
 bool UDEV_InitConfigFromPath(const char *path)
 {
     MPI_AssertNotNull(path);
+    const char *saved = std::exchange(g_vendorConfigPath, path);
+    bool ret = UDEV_InitConfig();
+    g_vendorConfigPath = saved;
+    return ret;
+}
+
+bool UDEV_InitConfig()
+{
     UDEV_ReleaseConfig();
-    FilePtr file(std::fopen(path, "rb+"));
+    FilePtr file(std::fopen(g_vendorConfigPath, "rb+"));
     if (file == nullptr) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "open file failed.");
         return false;
@@ -251,11 +267,6 @@ bool UDEV_InitConfigFromPath(const char *path)
         HandleChar(&reader, c);
     }
     return true;
-}
-
-bool UDEV_InitConfig()
-{
-    return UDEV_InitConfigFromPath(UDEV_VENDOR_CONFIG_PATH);
 }
 
 void UDEV_ReleaseConfig()

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -144,13 +145,24 @@ bool UDEV_Init()
     return true;
 }
 
-bool UDEV_CheckRunning()
-{
-    return UDEV_CheckRunningAt(UDEV_PID_FILE);
-}
+namespace {
+
+// The pid file; tests point it at a file of their own.
+const char *g_pidFilePath = UDEV_PID_FILE;
+
+}  // namespace
 
 bool UDEV_CheckRunningAt(const char *path)
 {
+    const char *saved = std::exchange(g_pidFilePath, path);
+    bool ret = UDEV_CheckRunning();
+    g_pidFilePath = saved;
+    return ret;
+}
+
+bool UDEV_CheckRunning()
+{
+    const char *path = g_pidFilePath;
     UniqueFd fd(::open(path, O_WRONLY | O_CREAT, UDEV_PID_FILE_MODE));
     if (!fd) {
         MPI_Log(MPI_LOG_ERROR, "can't open %s: %s\n", path, std::strerror(errno));

@@ -4,6 +4,7 @@
 #include "udev_qmlinux.h"
 
 #include <cstring>
+#include <utility>
 
 #include "mpi_usr_if.h"
 #include "read_line.h"
@@ -118,18 +119,28 @@ int UDEV_HandQmLinuxCfgReadLine(char *line, uint32_t lineLen, void *ctx)
     return UDEV_RET_OK;
 }
 
+namespace {
+
+// The settings file; tests point it at files of their own.
+const char *g_qmLinuxConfigPath = UDEV_QMLINUX_CONFIG_PATH;
+
+}  // namespace
+
 int UDEV_InitQmLinuxConfigFromPath(const char *path)
 {
-    int ret = INTF_UTIL_ReadFileHandleByLine(path, nullptr, UDEV_HandQmLinuxCfgReadLine);
-    if (ret != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
-    }
+    const char *saved = std::exchange(g_qmLinuxConfigPath, path);
+    int ret = UDEV_InitQmLinuxConfig();
+    g_qmLinuxConfigPath = saved;
     return ret;
 }
 
 int UDEV_InitQmLinuxConfig()
 {
-    return UDEV_InitQmLinuxConfigFromPath(UDEV_QMLINUX_CONFIG_PATH);
+    int ret = INTF_UTIL_ReadFileHandleByLine(g_qmLinuxConfigPath, nullptr, UDEV_HandQmLinuxCfgReadLine);
+    if (ret != UDEV_RET_OK) {
+        MPI_Log(MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
+    }
+    return ret;
 }
 
 void UDEV_ResetQmLinuxConfigForTest()
