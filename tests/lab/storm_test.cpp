@@ -439,11 +439,13 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
 
     auto t2 = Clock::now();
     const std::string closerNum = disks[closer].dev.DevNum();
+    size_t looked = scanPhase.size();  // requests before this one are not the closer's
     ASSERT_TRUE(drv.WaitFor(
         [&](const std::vector<DriverRequest> &all) {
-            for (auto it = all.rbegin(); it != all.rend(); ++it) {
-                if (it->op == DriverOp::Change && it->DevNum() == closerNum && it->answered) {
-                    return true;
+            for (; looked < all.size(); ++looked) {
+                const DriverRequest &r = all[looked];
+                if (r.op == DriverOp::Change && r.DevNum() == closerNum) {
+                    return r.answered;  // looked again on the next call until answered
                 }
             }
             return false;
