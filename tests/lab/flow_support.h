@@ -215,6 +215,28 @@ inline std::vector<int> LabProcesses(Lab &lab)
     return out;
 }
 
+// Each thread of the process and the system call it sleeps in (-1 while it
+// runs), from /proc/<pid>/task/<tid>/syscall.
+inline std::vector<std::pair<long, long>> ThreadSyscalls(int pid)
+{
+    std::vector<std::pair<long, long>> out;
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR *dir = ::opendir(tasks.c_str());
+    if (dir == nullptr) {
+        return out;
+    }
+    while (dirent *e = ::readdir(dir)) {
+        if (e->d_name[0] == '.') {
+            continue;
+        }
+        std::string text = ReadFile(tasks + "/" + e->d_name + "/syscall").value_or("");
+        long nr = !text.empty() && text[0] >= '0' && text[0] <= '9' ? std::atol(text.c_str()) : -1;
+        out.emplace_back(std::atol(e->d_name), nr);
+    }
+    ::closedir(dir);
+    return out;
+}
+
 inline size_t ThreadCount(int pid)
 {
     size_t n = 0;

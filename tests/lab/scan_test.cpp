@@ -5,6 +5,8 @@
 // cannot be had.
 #include <cerrno>
 
+#include <sys/syscall.h>
+
 #include <gtest/gtest.h>
 
 #include "flow_support.h"
@@ -82,7 +84,8 @@ TEST(ScanFailure, DriverListThatCannotBeHadEndsTheStartInOrder)
 // Held at START and again at GET, the daemon shows what it has done so far:
 // the pid file before START; the configuration read after START (files
 // written while START is held are the ones it uses); the three worker
-// threads and the monitor before the scan; readiness only after it.
+// threads, created in the order handle, monitor, LVM, and the monitor
+// listening before the scan; readiness only after it.
 TEST(StartupOrder, StartThenConfigurationThenThreadsThenScanThenReadiness)
 {
     Lab lab({.sandbox = {.vendorConfig = std::nullopt, .timeoutConfig = std::nullopt}});
@@ -107,6 +110,29 @@ TEST(StartupOrder, StartThenConfigurationThenThreadsThenScanThenReadiness)
     // way (ThreadSanitizer's background thread).
     EXPECT_GE(ThreadCount(d.Pid()), threadsAtStart + 3) << "handle, monitor and LVM threads before the scan";
     EXPECT_EQ(lab.testbed().ListenerCount(), 1u) << "the monitor listens before the scan";
+    // Created in the order handle, monitor, LVM: thread ids grow with
+    // creation, and each worker shows by where it sleeps.
+    long handle = 0;
+    long monitorTid = 0;
+    long lvm = 0;
+    ASSERT_TRUE(Eventually([&] {
+        handle = monitorTid = lvm = 0;
+        for (const auto &[tid, nr] : ThreadSyscalls(d.Pid())) {
+            if (tid == d.Pid()) {
+                continue;
+            }
+            if (nr == SYS_futex) {
+                handle = std::max(handle, tid);  // a sanitizer's own thread came first
+            } else if (nr == SYS_poll || nr == SYS_ppoll) {
+                monitorTid = tid;
+            } else if (nr == SYS_clock_nanosleep || nr == SYS_nanosleep) {
+                lvm = std::max(lvm, tid);  // the last created of the sleepers
+            }
+        }
+        return handle != 0 && monitorTid != 0 && lvm != 0;
+    }, 10s));
+    EXPECT_LT(handle, monitorTid);
+    EXPECT_LT(monitorTid, lvm);
     auto trace = lab.TraceLog();
     long started = IndexOf(trace, "Success to trigger ioctl");
     long monitor = IndexOf(trace, "start monitor udev event.");
