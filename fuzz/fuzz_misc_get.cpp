@@ -100,8 +100,10 @@ void CheckDeviceNums(Reader &in)
     }
 
     MallocPtr<char> nums = UTIL_MiscAllocDeviceNums(param, recordSize);
-    bool expectCopy = recordSize >= MISC_CTRL_HEAD_LEN && status == kStatusOk &&
-                      dataLen <= recordSize - MISC_CTRL_HEAD_LEN;
+    // The data area is what a daemon-built record offers the driver: its
+    // bufLen, one less than the bytes behind the header.
+    size_t dataArea = recordSize >= MISC_CTRL_EXTRA_LEN ? recordSize - MISC_CTRL_EXTRA_LEN + 1 : 0;
+    bool expectCopy = recordSize >= MISC_CTRL_HEAD_LEN && status == kStatusOk && dataLen <= dataArea;
     FUZZ_CHECK((nums != nullptr) == expectCopy,
                "UTIL_MiscAllocDeviceNums(status %u, dataLen %u, record of %zu bytes) %s", status, dataLen, recordSize,
                nums ? "copied a reply it must refuse" : "refused a good reply");
@@ -218,7 +220,7 @@ void CheckGet(Reader &in)
         last = r;
         break;
     }
-    size_t dataArea = static_cast<size_t>(len) + MISC_CTRL_EXTRA_LEN - MISC_CTRL_HEAD_LEN;
+    size_t dataArea = static_cast<size_t>(len) + 1;  // the bufLen offered in the last round
     if (!expectNull && (last.status != kStatusOk || last.dataLen > dataArea)) {
         expectNull = true;
     }
