@@ -1,8 +1,7 @@
-// The monitor thread against a umockdev testbed: received disks become bare
-// nodes, partitions never arrive, an interrupted poll is an idle poll, and
-// the thread ends on the stop flag or by cancellation with its libudev
-// objects released (LeakSanitizer checks the latter), and the monitor asks
-// for a receive buffer that holds a burst (a warning when refused).
+// The monitor thread: received disks become bare nodes, partitions never
+// arrive, an interrupted poll is an idle poll, the thread ends on the stop
+// flag or by cancellation in its poll (LeakSanitizer checks that its libudev
+// objects go), and the receive buffer holds a burst (a warning if refused).
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -18,9 +17,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "support/event_bed.h"
 #include "support/pipeline_support.h"
 #include "support/trace_capture.h"
+#include "support/udev_testbed.h"
 #include "udev_event.h"
 #include "udev_log.h"
 #include "udev_monitor.h"
@@ -57,9 +56,10 @@ protected:
         }
         return out;
     }
-    EventBed bed_;
-    std::string disk_ = bed_.AddBlock("sdm", "8", "192");
-    std::string partition_ = bed_.AddBlock("sdm1", "8", "193", "partition");
+    Testbed bed_;
+    std::string disk_ = AddBareBlock(bed_, "sdm", "8", "192");
+    std::string partition_ =
+        bed_.Add("block", "sdm1", disk_, {}, {{"DEVTYPE", "partition"}, {"MAJOR", "8"}, {"MINOR", "193"}});
     UdevListHead taken_;
 };
 

@@ -140,12 +140,17 @@ UdevDevicePtr Testbed::Event(const std::string &sysPath, const char *action)
     if (!monitor || udev_monitor_enable_receiving(monitor.get()) < 0) {
         return nullptr;
     }
-    umockdev_testbed_uevent(bed_, sysPath.c_str(), action);
+    Send(sysPath, action);
     pollfd pfd{udev_monitor_get_fd(monitor.get()), POLLIN, 0};
     if (poll(&pfd, 1, EVENT_WAIT_MS) != 1) {
         return nullptr;
     }
     return UdevDevicePtr(udev_monitor_receive_device(monitor.get()));
+}
+
+void Testbed::Send(const std::string &sysPath, const char *action)
+{
+    umockdev_testbed_uevent(bed_, sysPath.c_str(), action);
 }
 
 ScsiDiskLayout IscsiLayout()

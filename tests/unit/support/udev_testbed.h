@@ -41,6 +41,8 @@ public:
     UdevDevicePtr Device(const std::string &sysPath) const;
     // As a udev monitor receives it, with its action.
     UdevDevicePtr Event(const std::string &sysPath, const char *action);
+    // To the udev monitors of this process, without waiting for them.
+    void Send(const std::string &sysPath, const char *action);
 
 private:
     UMockdevTestbed *bed_;
