@@ -12,7 +12,6 @@
 
 #include "udev_config.h"
 #include "udev_log.h"
-#include "udev_qmlinux.h"
 
 namespace qmtest {
 
@@ -297,17 +296,6 @@ VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>
 VendorList::~VendorList()
 {
     UDEV_ReleaseConfig();
-}
-
-TimeoutSettings::TimeoutSettings(const std::string &text)
-{
-    WriteFile(dir_.File("qmLinux.conf"), text);
-    UDEV_InitQmLinuxConfigFromPath(dir_.File("qmLinux.conf").c_str());
-}
-
-TimeoutSettings::~TimeoutSettings()
-{
-    UDEV_ResetQmLinuxConfigForTest();
 }
 
 ReadOnlyAttr::ReadOnlyAttr(const Testbed &bed, const std::string &sysPath, const std::string &attr)

@@ -134,16 +134,6 @@ private:
     TempDir dir_;
 };
 
-// Time-out settings read from `text`; the defaults come back afterwards.
-class TimeoutSettings {
-public:
-    explicit TimeoutSettings(const std::string &text);
-    ~TimeoutSettings();
-
-private:
-    TempDir dir_;
-};
-
 // One attribute unwritable for this thread: mode 0444, and the DAC override
 // capability out of the effective set while this lives.
 class ReadOnlyAttr {
