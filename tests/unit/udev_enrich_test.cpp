@@ -90,27 +90,10 @@ TEST_F(EnrichTest, DeviceNumberFromMajorAndMinor)
     }
 }
 
-TEST_F(EnrichTest, RemoveAndChangeWriteTheActionOnly)
-{
-    Testbed bed;
-    LogCapture log;
-    for (const char *name : {"dm-3", "sr0", "vda", "sdb", "nvme0n1"}) {
-        bool kept = std::strncmp(name, "sd", 2) == 0 || std::strncmp(name, "nvme", 4) == 0;
-        NodeHolder holder(bed.Device(AddBareBlock(bed, name)), "253:3");
-        EXPECT_EQ(kept ? UDEV_RET_OK : UDEV_RET_FAIL, UDEV_InitChangeEventNode(&holder.node)) << name;
-        EXPECT_STREQ(kept ? "change" : "", holder.node.action) << name;
-    }
-    EXPECT_EQ(3u, log.Count("filter change event{253:3}.\n"));
-    NodeHolder removed(nullptr, "8:16");
-    EXPECT_EQ(UDEV_RET_OK, UDEV_InitRemoveEventNode(&removed.node));
-    EXPECT_STREQ("remove", removed.node.action);
-}
-
 TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
 {
     Testbed bed;
     std::string sdc = AddScsiDisk(bed).block;
-    std::string sr0 = AddBareBlock(bed, "sr0");
     ScsiDiskLayout noMinorLayout = LocalLayout();
     noMinorLayout.minor.reset();
     std::string noMinor = AddScsiDisk(bed, noMinorLayout).block;
@@ -121,7 +104,6 @@ TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
     } cases[] = {
         {sdc, "move", "udev action{move} is not support.\n"},
         {sdc, nullptr, "get udev action fail.\n"},
-        {sr0, "add", "get the device name{sr0} of udev device is not support.\n"},
         {noMinor, "add", "get device minor fail.\n"},
     };
     for (const auto &c : cases) {

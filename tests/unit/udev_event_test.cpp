@@ -1,6 +1,7 @@
 // Event records and the event list: what counts as a done dispatch, the
-// retry wait, the linear supersession rule, queue order and wake-ups, and a
-// cancellation inside the handle thread's wait.
+// retry wait, the linear supersession rule, and a cancellation inside the
+// handle thread's wait. The scan batch's place in the queue is proven end
+// to end (lab ScanBatch).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -133,26 +134,6 @@ TEST_F(EventListTest, OnlyAnotherAddOrRemoveOfTheSameNumberSupersedes)
         EXPECT_EQ(UDEV_FindUdevEvent(&list, NodesOf(&list)[c.candidate]), c.superseded) << c.list.size();
         UDEV_DeleteEventList(&list);
     }
-}
-
-TEST_F(EventListTest, ScanBatchGoesInFrontAndWakeUpsWaitForIt)
-{
-    uint64_t signals = UDEV_GetEventSignalCountForTest();
-    UDEV_AddEventNode(nullptr);
-    UDEV_AddEventNode(MakeNode("add", "8:64"));
-    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals) << "no wake-up before the scan handed over";
-
-    UdevListHead scan;
-    UDEV_ListInit(&scan);
-    UDEV_ListAddTail(&MakeNode("add", "8:0")->list, &scan);
-    UDEV_ListAddTail(&MakeNode("remove", "8:16")->list, &scan);
-    UDEV_AddEventList(&scan);
-    EXPECT_TRUE(UDEV_ListEmpty(&scan));
-    UDEV_AddEventNode(nullptr);
-    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
-
-    ASSERT_TRUE(TakeQueued(&taken_));
-    EXPECT_EQ(Taken(), (std::vector<std::string>{"8:0", "8:16", "8:64"})) << "a null wake-up queues nothing";
 }
 
 char TaskState(pid_t tid)

@@ -96,7 +96,6 @@ TEST(NvmeHctl, NumbersFromNameAndNamespaceAttributes)
         int channel, lun;
     } cases[] = {
         {"2", std::nullopt, "3:0:2:2", 0, 2},
-        {"7", "5", "3:5:2:7", 5, 7},
         {std::nullopt, std::nullopt, "3:0:2:0", 0, 0},
         {"abc", "x1", "3:0:2:0", 0, 0},
         {"  12abc", "+4", "3:4:2:12", 4, 12},
