@@ -102,7 +102,7 @@ TEST_F(ScanTest, BatchHoldsSupportedDisksThenWhatOnlyTheDriverHolds)
     ScsiDiskLayout sda = LocalLayout();
     sda.minor = "0";
     std::string disk = AddScsiDisk(bed, sda).block;
-    std::string part =
+    std::string partition =
         bed.Add("block", "sda1", disk, {}, {{"DEVTYPE", "partition"}, {"MAJOR", "8"}, {"MINOR", "1"}});
     AddScsiDisk(bed, {.vendor = "OTHER   "});  // 8:32, unsupported
     ScsiDiskLayout noNumber = IscsiLayout();
@@ -112,7 +112,7 @@ TEST_F(ScanTest, BatchHoldsSupportedDisksThenWhatOnlyTheDriverHolds)
     LogCapture log;
     ASSERT_TRUE(UDEV_Scan());
     EXPECT_EQ(g_handedOver, (Batch{Add("8:0"), Remove("8:32")}));
-    EXPECT_TRUE(log.Has("the device type{partition} of {" + part + "} is not suppurted.\n"));
+    EXPECT_TRUE(log.Has("the device type{partition} of {" + partition + "} is not suppurted.\n"));
     EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
 }
 
