@@ -1,21 +1,18 @@
 // Start-up pieces that can run outside a full daemon: the single-instance
 // pid-file lock (against a private path, with a second process as the
-// competing instance), the driver start trigger, and the argument refusal
-// of the entry point.
+// competing instance) and the driver start trigger. The pid file's content
+// and mode, and the argument refusal, are proven end to end (lab lifecycle).
 #include <cstring>
 #include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "misc_ioctl.h"
-#include "support/notify_capture.h"
 #include "support/trace_capture.h"
 #include "udev_daemon.h"
-#include "udev_log.h"
 #include "util_ret.h"
 
 namespace {
@@ -79,12 +76,8 @@ private:
 
 class PidLockTest : public ::testing::Test {
 protected:
-    void SetUp() override { oldMask_ = ::umask(022); }
-    void TearDown() override { ::umask(oldMask_); }
-
     qmtest::TraceCapture trace_;
     qmtest::TempDir dir_;
-    mode_t oldMask_ = 0;
 };
 
 // ---- failures -------------------------------------------------------------
@@ -96,43 +89,24 @@ TEST_F(PidLockTest, PidFileThatCannotBeOpenedEndsTheProcessWithStatusOne)
     EXPECT_TRUE(trace_.Has("can't open " + path + ": No such file or directory"));
 }
 
-TEST_F(PidLockTest, SecondInstanceIsRefusedSilentlyAndLeavesTheFileAlone)
+TEST_F(PidLockTest, HeldLockRefusesTheOtherInstanceSilentlyEitherWay)
 {
     std::string path = dir_.File("qmudev.pid");
-    LockHolder first(path);
-    ASSERT_TRUE(first.Won());
-    std::string before = qmtest::ReadFile(path);
-    EXPECT_EQ(before, PidContent(first.Pid()));
-
-    EXPECT_FALSE(UDEV_CheckRunningAt(path.c_str()));
-    EXPECT_EQ(qmtest::ReadFile(path), before);
-    EXPECT_FALSE(trace_.Has("can't lock"));
-    EXPECT_FALSE(trace_.Has("[ERROR]"));
-
-    // Refused twice in a row: the refusal itself must not disturb the holder.
-    LockHolder third(path);
-    EXPECT_FALSE(third.Won());
-    EXPECT_EQ(qmtest::ReadFile(path), before);
-}
-
-TEST(LockFileTest, BadDescriptorIsReportedByTheLockCall)
-{
-    errno = 0;
-    EXPECT_EQ(UDEV_LockFile(-1), -1);
-    EXPECT_EQ(errno, EBADF);
-}
-
-// ---- success --------------------------------------------------------------
-
-TEST_F(PidLockTest, NewPidFileHasMode0644AndHoldsPidDigitsThenOneNul)
-{
-    std::string path = dir_.File("qmudev.pid");
-    LockHolder holder(path);
-    ASSERT_TRUE(holder.Won());
-    struct stat st = {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
-    EXPECT_EQ(qmtest::ReadFile(path), PidContent(holder.Pid()));
+    {
+        LockHolder first(path);
+        ASSERT_TRUE(first.Won());
+        std::string before = qmtest::ReadFile(path);
+        EXPECT_EQ(before, PidContent(first.Pid()));
+        EXPECT_FALSE(UDEV_CheckRunningAt(path.c_str()));
+        EXPECT_EQ(qmtest::ReadFile(path), before);
+        EXPECT_FALSE(trace_.Has("can't lock"));
+        EXPECT_FALSE(trace_.Has("[ERROR]"));
+    }
+    // Won here, the lock outlives the call: another process is refused
+    // (nothing here closes a descriptor of the file, which would drop it).
+    ASSERT_TRUE(UDEV_CheckRunningAt(path.c_str()));
+    LockHolder other(path);
+    EXPECT_FALSE(other.Won());
 }
 
 TEST_F(PidLockTest, WinnerTruncatesOnlyAfterTheLockAndRewritesThePid)
@@ -142,20 +116,11 @@ TEST_F(PidLockTest, WinnerTruncatesOnlyAfterTheLockAndRewritesThePid)
     {
         LockHolder earlier(path);
         ASSERT_TRUE(earlier.Won());
+        EXPECT_EQ(qmtest::ReadFile(path), PidContent(earlier.Pid()));
     }  // the earlier instance has ended: its lock is gone, its pid stays
     ASSERT_TRUE(UDEV_CheckRunningAt(path.c_str()));
     EXPECT_EQ(qmtest::ReadFile(path), PidContent(::getpid()));
     EXPECT_FALSE(trace_.Has("[ERROR]"));
-}
-
-TEST_F(PidLockTest, LockIsHeldAfterTheCallReturns)
-{
-    std::string path = dir_.File("qmudev.pid");
-    ASSERT_TRUE(UDEV_CheckRunningAt(path.c_str()));
-    // The check looks from another process, without closing any descriptor
-    // of the file here (that would drop this process's lock).
-    LockHolder other(path);
-    EXPECT_FALSE(other.Won());
 }
 
 // ---- the driver start trigger ----------------------------------------------
@@ -191,29 +156,6 @@ TEST(TriggerAchieveBindInfoTest, FollowsTheStartRequest)
         EXPECT_TRUE(trace.Has(row.message));
     }
     UTIL_MiscSetForTest(-1, nullptr);
-}
-
-// ---- the entry point -------------------------------------------------------
-
-int g_syslogRecords = 0;
-
-TEST(UdevMainTest, FourOrMoreArgumentsEndWithStatusOneAndNoNotification)
-{
-    qmtest::NotifyCapture notify;
-    g_syslogRecords = 0;
-    UDEV_SetSyslogSinkForTest([](const char *) { ++g_syslogRecords; });
-    char prog[] = "qmudev";
-    char a[] = "a";
-    for (int argc : {4, 5, 9}) {
-        SCOPED_TRACE(argc);
-        char *argv[] = {prog, a, a, a, a, a, a, a, a, nullptr};
-        UDEV_ResetFlagsForTest();
-        EXPECT_EQ(UDEV_Main(argc, argv), 1);
-        EXPECT_FALSE(UDEV_IsSyslogMode());
-    }
-    EXPECT_TRUE(notify.Take().empty());
-    EXPECT_EQ(g_syslogRecords, 0);
-    UDEV_SetSyslogSinkForTest(nullptr);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Event records and the event list: what counts as a done dispatch, the
-// retry wait, the linear supersession rule, queue order and wake-ups, and a
-// cancellation inside the handle thread's wait.
+// retry wait, the linear supersession rule, and a cancellation inside the
+// handle thread's wait. The scan batch's place in the queue is proven end
+// to end (lab ScanBatch).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -60,44 +61,38 @@ protected:
     FakeDriver driver_;
 };
 
-struct DispatchCase {
-    const char *action;
-    int status;  // the driver's reply; -1: the ioctl itself fails
-    bool done;
-    bool finish;  // the protocol's finishing step ran
-};
-
-class DispatchTest : public EventListTest, public ::testing::WithParamInterface<DispatchCase> {};
-
-TEST_P(DispatchTest, TheActionsResultSetDecides)
+TEST_F(EventListTest, DispatchIsDoneForTheActionsSuccessSet)
 {
-    const DispatchCase &c = GetParam();
-    UdevEventNode *node = MakeNode(c.action, "8:32", "t");
-    driver_.Script({c.status});
-    EXPECT_EQ(UDEV_DispatchEventNode(node), c.done);
-    EXPECT_EQ(g_finishRuns.load(), c.finish ? 1 : 0);
-    std::vector<DriverCall> expected = {std::string(c.action) == "add"      ? Add("8:32", "t")
-                                        : std::string(c.action) == "remove" ? Remove("8:32")
-                                                                            : Change("8:32")};
-    EXPECT_EQ(driver_.Calls(), std::string(c.action) == "move" ? std::vector<DriverCall>{} : expected);
-    UDEV_DeleteEventNode(node);
+    const struct {
+        const char *action;
+        int status;  // the driver's reply; -1: the ioctl itself fails
+        bool done;
+        bool finish;  // the protocol's finishing step ran
+    } cases[] = {
+        {"add", 1030, false, false},    {"add", 1055, false, false},    {"add", 1056, false, false},
+        {"add", -1, false, false},      {"add", 1024, true, true},      {"add", 1061, true, true},
+        {"add", 1052, true, false},     {"remove", 1052, false, false}, {"remove", 1061, false, false},
+        {"remove", 1024, true, false},  {"remove", 1055, true, false},  {"remove", 1056, true, false},
+        {"change", 1052, false, false}, {"change", 1061, false, false}, {"change", -1, false, false},
+        {"change", 1024, true, false},  {"change", 1055, true, false},  {"change", 1056, true, false},
+        {"move", 1030, true, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.action) + " " + std::to_string(c.status));
+        driver_.ClearCalls();
+        driver_.Script({c.status});
+        g_finishRuns.store(0);
+        UdevEventNode *node = MakeNode(c.action, "8:32", "t");
+        EXPECT_EQ(UDEV_DispatchEventNode(node), c.done);
+        EXPECT_EQ(g_finishRuns.load(), c.finish ? 1 : 0);
+        std::string action = c.action;
+        std::vector<DriverCall> expected = {action == "add"      ? Add("8:32", "t")
+                                            : action == "remove" ? Remove("8:32")
+                                                                 : Change("8:32")};
+        EXPECT_EQ(driver_.Calls(), action == "move" ? std::vector<DriverCall>{} : expected);
+        UDEV_DeleteEventNode(node);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DispatchTest,
-    ::testing::Values(DispatchCase{"add", 1030, false, false}, DispatchCase{"add", 1055, false, false},
-                      DispatchCase{"add", 1056, false, false}, DispatchCase{"add", -1, false, false},
-                      DispatchCase{"remove", 1052, false, false}, DispatchCase{"remove", 1061, false, false},
-                      DispatchCase{"change", 1061, false, false}, DispatchCase{"change", -1, false, false},
-                      DispatchCase{"add", 1024, true, true}, DispatchCase{"add", 1061, true, true},
-                      DispatchCase{"add", 1052, true, false}, DispatchCase{"remove", 1024, true, false},
-                      DispatchCase{"remove", 1055, true, false}, DispatchCase{"remove", 1056, true, false},
-                      DispatchCase{"change", 1055, true, false}, DispatchCase{"change", 1056, true, false},
-                      DispatchCase{"move", 1030, true, false}),
-    [](const auto &info) {
-        return std::string(info.param.action) + "_" +
-               (info.param.status < 0 ? std::string("ioctl_fails") : std::to_string(info.param.status));
-    });
 
 TEST_F(EventListTest, RetryWaitIs120SecondsOnAnUnsignedDifference)
 {
@@ -141,26 +136,6 @@ TEST_F(EventListTest, OnlyAnotherAddOrRemoveOfTheSameNumberSupersedes)
     }
 }
 
-TEST_F(EventListTest, ScanBatchGoesInFrontAndWakeUpsWaitForIt)
-{
-    uint64_t signals = UDEV_GetEventSignalCountForTest();
-    UDEV_AddEventNode(nullptr);
-    UDEV_AddEventNode(MakeNode("add", "8:64"));
-    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals) << "no wake-up before the scan handed over";
-
-    UdevListHead scan;
-    UDEV_ListInit(&scan);
-    UDEV_ListAddTail(&MakeNode("add", "8:0")->list, &scan);
-    UDEV_ListAddTail(&MakeNode("remove", "8:16")->list, &scan);
-    UDEV_AddEventList(&scan);
-    EXPECT_TRUE(UDEV_ListEmpty(&scan));
-    UDEV_AddEventNode(nullptr);
-    EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
-
-    ASSERT_TRUE(TakeQueued(&taken_));
-    EXPECT_EQ(Taken(), (std::vector<std::string>{"8:0", "8:16", "8:64"})) << "a null wake-up queues nothing";
-}
-
 char TaskState(pid_t tid)
 {
     std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
@@ -195,25 +170,6 @@ TEST_F(EventListTest, CancellationInsideTheWaitLeavesTheListUsable)
     UDEV_AddEventNode(MakeNode("add", "8:0"));
     ASSERT_TRUE(TakeQueued(&taken_));
     EXPECT_EQ(Taken(), (std::vector<std::string>{"8:0"}));
-}
-
-TEST(EventNodeTest, NewNodeHoldsTheInitialValues)
-{
-    UdevEventNode *node = UDEV_AllocEventNode();
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(node->list.next, &node->list);
-    EXPECT_EQ(node->list.prev, &node->list);
-    EXPECT_EQ(node->isRetry, 0);
-    EXPECT_EQ(node->retryTime, 0);
-    EXPECT_EQ(node->udevDev, nullptr);
-    EXPECT_STREQ(node->devNum, "");
-    EXPECT_STREQ(node->action, "");
-    EXPECT_STREQ(node->devInfo, "");
-    EXPECT_EQ(std::vector<int32_t>({node->host, node->channel, node->target, node->lun, node->transportId}),
-              std::vector<int32_t>(5, -1));
-    EXPECT_EQ(node->transportType, 15);
-    EXPECT_EQ(node->protocol, 0u);
-    UDEV_DeleteEventNode(node);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The handle thread: which queued events reach the driver (supersession,
-// retries), that the indexed walk gives exactly what the linear rule gives,
-// the LVM request, and that the thread ends from every state.
+// The handle thread: its indexed walk sends and keeps exactly what the
+// linear supersession and retry rules do, the LVM request, and the thread's
+// end from every state.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/event_bed.h"
 #include "support/pipeline_support.h"
+#include "support/udev_testbed.h"
 #include "udev_event.h"
 #include "udev_handle.h"
 #include "udev_log.h"
@@ -59,60 +59,6 @@ protected:
     static size_t Left() { return NodesOf(UDEV_GetWorkingList()).size(); }
     FakeDriver driver_;
 };
-
-TEST_F(HandleTest, RefusedEventIsTriedAgainOnlyAfter120Seconds)
-{
-    driver_.Script({1030, 1056, 1030});
-    Queue(MakeNode("add", "8:32", "a"));
-    Queue(MakeNode("remove", "8:48"));
-    int64_t start = g_now.load();
-    UDEV_HandleEvent();  // add refused at start, remove done
-    for (int64_t at : {60, 119, 120, 239, 240}) {
-        g_now.store(start + at);
-        UDEV_HandleEvent();  // refused again at +120
-    }
-    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:32", "a"), Remove("8:48"), Add("8:32", "a"),
-                                                        Add("8:32", "a")}));
-    EXPECT_EQ(Left(), 0u);
-}
-
-TEST_F(HandleTest, RefusedAddGivesWayToALaterRemove)
-{
-    driver_.Script({1030});
-    Queue(MakeNode("add", "8:32", "a"));
-    UDEV_HandleEvent();
-    ASSERT_EQ(Left(), 1u);
-    Queue(MakeNode("remove", "8:32"));  // while the add still waits
-    UDEV_HandleEvent();
-    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:32", "a"), Remove("8:32")}));
-    EXPECT_EQ(Left(), 0u);
-}
-
-TEST_F(HandleTest, OnlyTheLastAddOrRemoveOfADeviceInABatchGoesOut)
-{
-    const struct {
-        std::vector<std::pair<const char *, const char *>> batch;  // tag: position
-        std::vector<DriverCall> sent;
-    } cases[] = {
-        {{{"add", "8:32"}, {"remove", "8:32"}}, {Remove("8:32")}},
-        {{{"change", "8:0"}, {"add", "8:0"}}, {Add("8:0", "1")}},
-        // The add has gone (and left the list) when the change's turn comes.
-        {{{"add", "8:0"}, {"change", "8:0"}}, {Add("8:0", "0"), Change("8:0")}},
-        {{{"change", "8:0"}, {"change", "8:0"}}, {Change("8:0"), Change("8:0")}},
-        {{{"add", "8:0"}, {"add", "8:0"}, {"add", "8:0"}}, {Add("8:0", "2")}},
-        {{{"add", "8:0"}, {"change", "8:16"}, {"remove", "8:0"}, {"add", "8:1"}},
-         {Change("8:16"), Remove("8:0"), Add("8:1", "3")}},
-    };
-    for (const auto &c : cases) {
-        driver_.ClearCalls();
-        for (size_t i = 0; i < c.batch.size(); ++i) {
-            Queue(MakeNode(c.batch[i].first, c.batch[i].second, std::to_string(i)));
-        }
-        UDEV_HandleEvent();
-        EXPECT_EQ(driver_.Calls(), c.sent) << Describe(driver_.Calls());
-        EXPECT_EQ(Left(), 0u);
-    }
-}
 
 // The reference: the walk exactly as the linear rule reads, with the
 // module's own UDEV_FindUdevEvent, retry check and dispatch.
@@ -188,16 +134,6 @@ TEST_F(HandleTest, IndexedWalkMatchesTheLinearRuleOnRandomLists)
     }
 }
 
-TEST_F(HandleTest, StormOfOneDeviceSendsOnlyItsLastEvent)
-{
-    for (int i = 0; i < 20000; ++i) {
-        Queue(MakeNode(i % 3 == 0 ? "change" : i % 3 == 1 ? "add" : "remove", "8:0"));
-    }
-    Queue(MakeNode("add", "8:0", "last"));
-    UDEV_HandleEvent();
-    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:0", "last")}));
-}
-
 const char *g_vlunMajor = nullptr;
 const char *TestVlunMajor()
 {
@@ -214,14 +150,14 @@ TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
                  {"252", "change", "252", false, false},  {"252", "add", "252", true, false},
                  {"252", "add", "252", false, true}};
     UDEV_SetVlunMajorForTest(TestVlunMajor);
-    EventBed bed;
+    Testbed bed;
     int disk = 0;
     for (const auto &c : cases) {
         UDEV_ClearActivateLvmRequest();
         g_vlunMajor = c.vlunMajor;
-        std::string name = "qmnv" + std::to_string(disk);
-        std::string sysPath = bed.AddBlock(name.c_str(), c.major, std::to_string(disk++).c_str());
-        UdevDevicePtr device = bed.Receive(sysPath, c.action);
+        std::string sysPath = AddBareBlock(bed, "qmnv" + std::to_string(disk), c.major, std::to_string(disk));
+        ++disk;
+        UdevDevicePtr device = bed.Event(sysPath, c.action);
         ASSERT_TRUE(device);
         UdevEventNode *node = UDEV_AllocEventNode();
         node->udevDev = device.release();
@@ -256,11 +192,6 @@ protected:
         HandleTest::TearDown();  // locks the event-list mutex once more
     }
 };
-
-TEST_F(HandleThreadTest, DestroyEndsTheThreadIdleInItsWait)
-{
-    EXPECT_EQ(UDEV_GetHandleThreadState(), UDEV_THREAD_RUNNING);
-}
 
 TEST_F(HandleThreadTest, DestroyWaitsOutADispatchInProgress)
 {

@@ -12,7 +12,6 @@
 
 #include "udev_config.h"
 #include "udev_log.h"
-#include "udev_qmlinux.h"
 
 namespace qmtest {
 
@@ -140,12 +139,17 @@ UdevDevicePtr Testbed::Event(const std::string &sysPath, const char *action)
     if (!monitor || udev_monitor_enable_receiving(monitor.get()) < 0) {
         return nullptr;
     }
-    umockdev_testbed_uevent(bed_, sysPath.c_str(), action);
+    Send(sysPath, action);
     pollfd pfd{udev_monitor_get_fd(monitor.get()), POLLIN, 0};
     if (poll(&pfd, 1, EVENT_WAIT_MS) != 1) {
         return nullptr;
     }
     return UdevDevicePtr(udev_monitor_receive_device(monitor.get()));
+}
+
+void Testbed::Send(const std::string &sysPath, const char *action)
+{
+    umockdev_testbed_uevent(bed_, sysPath.c_str(), action);
 }
 
 ScsiDiskLayout IscsiLayout()
@@ -292,17 +296,6 @@ VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>
 VendorList::~VendorList()
 {
     UDEV_ReleaseConfig();
-}
-
-TimeoutSettings::TimeoutSettings(const std::string &text)
-{
-    WriteFile(dir_.File("qmLinux.conf"), text);
-    UDEV_InitQmLinuxConfigFromPath(dir_.File("qmLinux.conf").c_str());
-}
-
-TimeoutSettings::~TimeoutSettings()
-{
-    UDEV_ResetQmLinuxConfigForTest();
 }
 
 ReadOnlyAttr::ReadOnlyAttr(const Testbed &bed, const std::string &sysPath, const std::string &attr)

@@ -41,6 +41,8 @@ public:
     UdevDevicePtr Device(const std::string &sysPath) const;
     // As a udev monitor receives it, with its action.
     UdevDevicePtr Event(const std::string &sysPath, const char *action);
+    // To the udev monitors of this process, without waiting for them.
+    void Send(const std::string &sysPath, const char *action);
 
 private:
     UMockdevTestbed *bed_;
@@ -127,16 +129,6 @@ class VendorList {
 public:
     VendorList(std::initializer_list<std::pair<std::string, std::string>> rules);
     ~VendorList();
-
-private:
-    TempDir dir_;
-};
-
-// Time-out settings read from `text`; the defaults come back afterwards.
-class TimeoutSettings {
-public:
-    explicit TimeoutSettings(const std::string &text);
-    ~TimeoutSettings();
 
 private:
     TempDir dir_;
