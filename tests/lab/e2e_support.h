@@ -1,85 +1,122 @@
-// Helpers of the end-to-end scenarios over the driver requests, the trace
-// file and the attribute writes.
+// Helpers of the end-to-end scenarios: driver requests in a readable form,
+// waits for them, trace records and their times, attribute writes,
+// notifications, the daemon's processes, and live events known to be queued
+// in the daemon.
 #pragma once
 
 #include <algorithm>
-#include <map>
+#include <ctime>
+#include <functional>
+#include <iomanip>
+#include <optional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include "qmlab/lab.h"
 
 namespace qmlab::test {
 
-// Requests of one kind that have been answered, in arrival order.
-inline std::vector<DriverRequest> Answered(const DriverEmulator &drv, DriverOp op)
+using Requests = std::vector<DriverRequest>;
+
+// Held by the driver and not by udev: the scan's REMOVE for it is dispatched
+// after every ADD of the scan's batch, and the handle thread finishes an ADD
+// (time-outs included) before it dispatches the next node. Its answer says
+// that the scan's work is done.
+inline constexpr const char *kEndOfScan = "8:240";
+
+// --- Driver requests. -------------------------------------------------------
+
+inline std::string Req(DriverOp op, const std::string &devNum)
 {
-    std::vector<DriverRequest> out;
+    return std::string(DriverOpName(op)) + " " + devNum;
+}
+
+// "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" for the requests of the kinds in `ops`.
+inline std::vector<std::string> Seen(const Requests &all,
+                                     const std::set<DriverOp> &ops = {DriverOp::Add, DriverOp::Remove,
+                                                                      DriverOp::Change})
+{
+    std::vector<std::string> out;
+    for (const auto &r : all) {
+        if (ops.count(r.op) != 0) {
+            out.push_back(Req(r.op, r.DevNum()));
+        }
+    }
+    return out;
+}
+
+// The device information of a SCSI disk of the lab's default vendor.
+inline std::string ScsiInfo(const BlockDevice &d)
+{
+    return d.DevNum() + " scsi QMESH VDISK " + d.hctl;
+}
+
+// Answered requests of `op`, for one device number ("": any).
+inline size_t CountAnswered(const Requests &all, DriverOp op, const std::string &devNum = "")
+{
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const DriverRequest &r) {
+        return r.op == op && r.answered && (devNum.empty() || r.DevNum() == devNum);
+    }));
+}
+
+inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, size_t n, Clock::duration timeout,
+                         const std::string &devNum = "")
+{
+    return drv.WaitFor([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
+}
+
+inline bool WaitAnsweredFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum,
+                            Clock::duration timeout)
+{
+    return WaitAnswered(drv, op, 1, timeout, devNum);
+}
+
+// The requests of one kind (and device number, "": any), in arrival order.
+inline Requests RequestsFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum = "")
+{
+    Requests out;
     for (auto &r : drv.Requests(op)) {
-        if (r.answered) {
+        if (devNum.empty() || r.DevNum() == devNum) {
             out.push_back(std::move(r));
         }
     }
     return out;
 }
 
-inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, size_t n, Clock::duration timeout)
+// The requests after the first one for which `from` holds (excluded).
+inline Requests After(const Requests &all, const std::function<bool(const DriverRequest &)> &from)
 {
-    return drv.WaitFor(
-        [op, n](const std::vector<DriverRequest> &all) {
-            return static_cast<size_t>(std::count_if(all.begin(), all.end(), [op](const DriverRequest &r) {
-                       return r.op == op && r.answered;
-                   })) >= n;
-        },
-        timeout);
+    auto it = std::find_if(all.begin(), all.end(), from);
+    return it == all.end() ? Requests{} : Requests(it + 1, all.end());
 }
 
-// The first answered request of `op` for one device number.
-inline bool WaitAnsweredFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum,
-                            Clock::duration timeout)
-{
-    return drv.WaitFor(
-        [&](const std::vector<DriverRequest> &all) {
-            return std::any_of(all.begin(), all.end(), [&](const DriverRequest &r) {
-                return r.op == op && r.answered && r.DevNum() == devNum;
-            });
-        },
-        timeout);
-}
+// --- The trace file. ----------------------------------------------------------
 
-// The texts of every ADD so far, by device number (the last one wins).
-inline std::map<std::string, std::string> AddTexts(const DriverEmulator &drv)
+inline std::vector<TraceRecord> RecordsWith(const std::vector<TraceRecord> &records, const std::string &text)
 {
-    std::map<std::string, std::string> out;
-    for (const auto &r : drv.Requests(DriverOp::Add)) {
-        out[r.DevNum()] = r.text;
-    }
+    std::vector<TraceRecord> out;
+    std::copy_if(records.begin(), records.end(), std::back_inserter(out),
+                 [&](const TraceRecord &r) { return r.message.find(text) != std::string::npos; });
     return out;
 }
 
-inline size_t CountAdds(const DriverEmulator &drv, const std::string &devNum)
+// Index of the first record whose message contains `text`, or -1.
+inline long IndexOf(const std::vector<TraceRecord> &records, const std::string &text)
 {
-    auto adds = drv.Requests(DriverOp::Add);
-    return static_cast<size_t>(
-        std::count_if(adds.begin(), adds.end(), [&](const DriverRequest &r) { return r.DevNum() == devNum; }));
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (records[i].message.find(text) != std::string::npos) {
+            return static_cast<long>(i);
+        }
+    }
+    return -1;
 }
 
-// Trace records whose message contains `text`.
-inline size_t TraceCount(const std::vector<TraceRecord> &records, const std::string &text)
-{
-    return static_cast<size_t>(std::count_if(records.begin(), records.end(), [&](const TraceRecord &r) {
-        return r.message.find(text) != std::string::npos;
-    }));
-}
-
-inline bool WaitTraceCount(const Lab &lab, const std::string &text, size_t n, Clock::duration timeout)
-{
-    return Eventually([&] { return TraceCount(lab.TraceLog(), text) >= n; }, timeout);
-}
-
-// The ERROR records of the trace, messages only.
+// The ERROR records, messages only.
 inline std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &records)
 {
     std::vector<std::string> out;
@@ -90,6 +127,28 @@ inline std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &reco
     }
     return out;
 }
+
+// The record's time (the daemon's local time, whole seconds) in seconds since
+// the epoch. Under accelerated time this is the daemon's clock, not the lab's.
+inline std::optional<long> RecordTime(const TraceRecord &record)
+{
+    std::tm tm{};
+    std::istringstream in(record.time);
+    in >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
+    if (in.fail()) {
+        return std::nullopt;
+    }
+    tm.tm_isdst = -1;
+    return static_cast<long>(std::mktime(&tm));
+}
+
+// The daemon's record of one answered driver request.
+inline std::string DriverRecord(const std::string &text, const std::string &action, unsigned status)
+{
+    return "device{" + text + "} action{" + action + "} with ret{" + std::to_string(status) + "}.";
+}
+
+// --- Attribute writes, notifications, processes. --------------------------------
 
 // "name=value" of every recorded write into the time-out attributes of one
 // sysfs object, in order.
@@ -115,5 +174,91 @@ inline std::vector<std::string> NotifyTexts(Lab &lab, int pid = 0)
     }
     return out;
 }
+
+// Processes that carry this lab's driver socket in their environment: its
+// daemons and everything they started (shells, the lvm stub) that still run.
+inline std::vector<int> LabProcesses(Lab &lab)
+{
+    const std::string mark = std::string("QMLAB_MISC_SOCKET=") + lab.driver().SocketPath();
+    std::vector<int> out;
+    DIR *proc = ::opendir("/proc");
+    if (proc == nullptr) {
+        return out;
+    }
+    while (dirent *e = ::readdir(proc)) {
+        if (e->d_name[0] < '1' || e->d_name[0] > '9') {
+            continue;
+        }
+        std::istringstream entries(ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""));
+        std::string entry;
+        while (std::getline(entries, entry, '\0')) {
+            if (entry == mark) {
+                out.push_back(std::atoi(e->d_name));
+                break;
+            }
+        }
+    }
+    ::closedir(proc);
+    return out;
+}
+
+// --- Live events. -----------------------------------------------------------------
+
+// A daemon with live events. The handle thread loses a wake-up that comes
+// while it is busy (by design: its two-minute wake-up catches up); a scenario
+// that waits for the effect of an event therefore sends a harmless event now
+// and then, a "change" of a loop device that the daemon drops, so that
+// whatever is queued is taken without a two-minute wait.
+class Live {
+public:
+    // The loop device goes into the testbed before the daemon starts (the
+    // start-up scan drops it too).
+    explicit Live(Lab &lab) : lab_(lab), poke_(lab.testbed().AddLoop(63)) {}
+
+    Daemon &Start(DaemonOptions options = {})
+    {
+        daemon_ = &lab_.Start(std::move(options));
+        return *daemon_;
+    }
+    // Sends one uevent and returns once the daemon's monitor has queued it
+    // (or its filter has dropped it). False when no monitor took it.
+    bool Send(const BlockDevice &device, const std::string &action)
+    {
+        return lab_.testbed().Emit(device.syspath, action) != 0 && daemon_->WaitMonitorIdle(30s);
+    }
+    // The kernel's order: the device goes, then its "remove" event.
+    bool SendRemove(const BlockDevice &device)
+    {
+        return lab_.testbed().RemoveAndEmit(device.syspath) != 0 && daemon_->WaitMonitorIdle(30s);
+    }
+    // Sends the harmless event, without waiting for it.
+    void Nudge() { lab_.testbed().Emit(poke_.syspath, "change", 5s); }
+
+    // Waits until `pred` holds for the driver's requests, nudging the handle
+    // thread every 200 ms meanwhile.
+    bool WaitRequests(const std::function<bool(const Requests &)> &pred, Clock::duration timeout)
+    {
+        Deadline deadline(timeout);
+        for (;;) {
+            if (lab_.driver().WaitFor(pred, std::min<Clock::duration>(200ms, deadline.Remaining()))) {
+                return true;
+            }
+            if (deadline.Expired()) {
+                return false;
+            }
+            Nudge();
+        }
+    }
+    // Until `n` requests of `op` for the device have been answered.
+    bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
+    {
+        return WaitRequests([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
+    }
+
+private:
+    Lab &lab_;
+    BlockDevice poke_;
+    Daemon *daemon_ = nullptr;
+};
 
 }  // namespace qmlab::test

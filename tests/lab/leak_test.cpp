@@ -17,45 +17,23 @@
 // unexpected error code.") instead of printing its report. Wake-ups of the
 // handle thread lost while it was busy are made up for by harmless events
 // (a loop device's change, dropped by the daemon).
-#include <algorithm>
 #include <cerrno>
-#include <functional>
-#include <string>
-#include <vector>
+#include <fstream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
-#include "qmlab/lab.h"
-#include "storm_support.h"
+#include "e2e_support.h"
 
-namespace qmlab::storm {
+namespace qmlab::test {
 namespace {
 
-bool Answered(const std::vector<DriverRequest> &all, DriverOp op, const std::string &devNum)
+// Whether the daemon that the lab runs carries AddressSanitizer.
+bool DaemonUnderAsan()
 {
-    for (const auto &r : all) {
-        if (r.op == op && r.answered && r.DevNum() == devNum) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Waits until `pred` holds for the driver's requests, sending the loop
-// device's change every 200 ms meanwhile.
-bool WaitNudging(Lab &lab, const BlockDevice &loop,
-                 const std::function<bool(const std::vector<DriverRequest> &)> &pred, Clock::duration timeout)
-{
-    Deadline deadline(timeout);
-    for (;;) {
-        if (lab.driver().WaitFor(pred, std::min<Clock::duration>(200ms, deadline.Remaining()))) {
-            return true;
-        }
-        if (deadline.Expired()) {
-            return false;
-        }
-        lab.testbed().Emit(loop.syspath, "change", 5s);
-    }
+    std::ifstream in(DaemonBinaryPath(), std::ios::binary);
+    std::string binary((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return binary.find("__asan_init") != std::string::npos;
 }
 
 TEST(LeakCheck, OrderlyStopAfterEventsOfEveryKindLeavesNoLeak)
@@ -68,30 +46,31 @@ TEST(LeakCheck, OrderlyStopAfterEventsOfEveryKindLeavesNoLeak)
     BlockDevice nvme = tb.AddNvmeNamespace(ctrl, {.nsIndex = 1});
     BlockDevice refused = tb.AddLocalDisk();
     BlockDevice foreign = tb.AddLocalDisk({.target = 1, .id = {.vendor = "OTHER", .model = "DISK"}});
-    BlockDevice loop = tb.AddLoop(5);
     lab.driver().SetFor(DriverOp::Add, refused.DevNum(), DriverReply::Status(1030));
-    const std::string stale = "8:240";  // the driver has it, udev does not: the scan removes it
-    lab.driver().SetDeviceList({stale});
+    lab.driver().SetDeviceList({kEndOfScan});  // the driver has it, udev does not: the scan removes it
 
     const bool asan = DaemonUnderAsan();
     DaemonOptions options;
     if (asan) {
         options.env = {{"LSAN_OPTIONS", "log_threads=1"}};
     }
-    Daemon &d = lab.Start(options);
+    Live live(lab);
+    Daemon &d = live.Start(options);
     ASSERT_TRUE(lab.WaitNotify("READY=1", 60s)) << d.Stderr();
-    ASSERT_TRUE(WaitNudging(
-        lab, loop,
-        [&](const std::vector<DriverRequest> &all) {
-            return Answered(all, DriverOp::Add, fc.DevNum()) && Answered(all, DriverOp::Add, iscsi.DevNum()) &&
-                   Answered(all, DriverOp::Add, nvme.DevNum()) && Answered(all, DriverOp::Add, refused.DevNum()) &&
-                   Answered(all, DriverOp::Remove, stale);
+    auto answered = [](const Requests &all, DriverOp op, const std::string &devNum) {
+        return CountAnswered(all, op, devNum) > 0;
+    };
+    ASSERT_TRUE(live.WaitRequests(
+        [&](const Requests &all) {
+            return answered(all, DriverOp::Add, fc.DevNum()) && answered(all, DriverOp::Add, iscsi.DevNum()) &&
+                   answered(all, DriverOp::Add, nvme.DevNum()) && answered(all, DriverOp::Add, refused.DevNum()) &&
+                   answered(all, DriverOp::Remove, kEndOfScan);
         },
         60s))
         << d.Stderr();
     // The refused ADD's node is kept for a retry two minutes later.
     const std::string retryRecord = "add retry udev event add(" + refused.DevNum() + ")";
-    ASSERT_TRUE(Eventually([&] { return TraceContains(lab.TraceLog(), retryRecord); }, 10s));
+    ASSERT_TRUE(lab.WaitTrace(retryRecord, 10s));
 
     // Live events: a new disk, a change, a removal, and events the daemon
     // drops (a loop device, an action it does not handle, a foreign vendor).
@@ -101,11 +80,10 @@ TEST(LeakCheck, OrderlyStopAfterEventsOfEveryKindLeavesNoLeak)
     ASSERT_EQ(tb.RemoveAndEmit(iscsi.syspath), 1u);
     ASSERT_EQ(tb.Emit(fc.syspath, "move"), 1u);
     ASSERT_EQ(tb.Emit(foreign.syspath, "add"), 1u);
-    ASSERT_TRUE(WaitNudging(
-        lab, loop,
-        [&](const std::vector<DriverRequest> &all) {
-            return Answered(all, DriverOp::Add, hot.DevNum()) && Answered(all, DriverOp::Change, nvme.DevNum()) &&
-                   Answered(all, DriverOp::Remove, iscsi.DevNum());
+    ASSERT_TRUE(live.WaitRequests(
+        [&](const Requests &all) {
+            return answered(all, DriverOp::Add, hot.DevNum()) && answered(all, DriverOp::Change, nvme.DevNum()) &&
+                   answered(all, DriverOp::Remove, iscsi.DevNum());
         },
         60s))
         << d.Stderr();
@@ -113,14 +91,11 @@ TEST(LeakCheck, OrderlyStopAfterEventsOfEveryKindLeavesNoLeak)
     // The orderly stop.
     ASSERT_TRUE(d.WaitMonitorIdle(30s));
     d.FailNextPoll(ENOMEM);
-    ASSERT_EQ(tb.Emit(loop.syspath, "change"), 1u);
+    live.Nudge();
     auto status = d.WaitExit(60s);
     ASSERT_TRUE(status.has_value()) << "the daemon did not stop after its monitor thread ended";
     EXPECT_EQ(status->Describe(), "exit 0") << d.Stderr();
-    ASSERT_TRUE(lab.sandbox().Notify().Sync());
-    auto notes = lab.sandbox().Notifications();
-    ASSERT_FALSE(notes.empty());
-    EXPECT_EQ(notes.back().text, "STATUS=shutdown");
+    EXPECT_EQ(NotifyTexts(lab), (std::vector<std::string>{"READY=1", "STATUS=shutdown"}));
     EXPECT_TRUE(TraceContains(lab.TraceLog(), "poll func run failed."));
 
     const std::string err = d.Stderr();
@@ -133,4 +108,4 @@ TEST(LeakCheck, OrderlyStopAfterEventsOfEveryKindLeavesNoLeak)
 }
 
 }  // namespace
-}  // namespace qmlab::storm
+}  // namespace qmlab::test

@@ -1,6 +1,5 @@
 // What the handle thread may make of one device's events, for every way
-// the events can be cut into walks; and whether the daemon binary carries
-// AddressSanitizer.
+// the events can be cut into walks.
 //
 // The rules (udev_handle.cpp, udev_event.cpp). On each wake-up the handle
 // thread takes everything queued in one step and walks it (a "walk").
@@ -52,13 +51,11 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "qmlab/daemon.h"
 
 namespace qmlab::storm {
 
@@ -228,33 +225,6 @@ bool IsSubsequence(const std::vector<T> &emitted, const std::vector<T> &observed
         ++i;
     }
     return true;
-}
-
-// Whether the file holds `text` (a symbol name that a sanitizer's
-// instrumentation leaves in a binary, such as "__asan_init").
-inline bool FileMentions(const std::string &path, const std::string &text)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in || text.empty()) {
-        return false;
-    }
-    std::string window;
-    std::vector<char> chunk(1 << 20);
-    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
-        // Keep the tail of the previous chunk: a match may straddle.
-        std::string tail = window.size() >= text.size() ? window.substr(window.size() - text.size() + 1) : window;
-        window = tail + std::string(chunk.data(), static_cast<size_t>(in.gcount()));
-        if (window.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Whether the daemon that the lab runs carries AddressSanitizer.
-inline bool DaemonUnderAsan()
-{
-    return FileMentions(DaemonBinaryPath(), "__asan_init");
 }
 
 }  // namespace qmlab::storm

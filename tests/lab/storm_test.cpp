@@ -73,13 +73,11 @@ std::vector<Actions> AllSequences(size_t n)
 std::vector<Actions> RandomSequences(size_t count, size_t n, uint64_t seed)
 {
     std::mt19937_64 rng(seed);
-    std::vector<Actions> out;
-    for (size_t i = 0; i < count; ++i) {
-        Actions s;
+    std::vector<Actions> out(count);
+    for (auto &s : out) {
         for (size_t k = 0; k < n; ++k) {
             s.push_back("ARC"[std::uniform_int_distribution<int>(0, 2)(rng)]);
         }
-        out.push_back(s);
     }
     return out;
 }
@@ -126,14 +124,14 @@ TEST(StormChecker, TheLanguageIsWhatSomeCutIntoWalksSends)
     }
 }
 
+// Every observation of up to one request more than there were events, for
+// every sequence of up to five events (up to four with every way of knowing
+// shared walks).
 TEST(StormChecker, AcceptsTheLanguageAndNothingElse)
 {
-    // Every observation of up to one request more than there were events,
-    // for every sequence of up to four events (up to three with every way
-    // of knowing shared walks).
-    const std::vector<Actions> observations = AllSequences(5);
-    for (const auto &emitted : AllSequences(4)) {
-        std::vector<Joined> knowledge = emitted.size() <= 3 ? AllJoined(emitted.size()) : std::vector<Joined>{{}};
+    const std::vector<Actions> observations = AllSequences(6);
+    for (const auto &emitted : AllSequences(5)) {
+        std::vector<Joined> knowledge = emitted.size() <= 4 ? AllJoined(emitted.size()) : std::vector<Joined>{{}};
         for (const auto &joined : knowledge) {
             std::set<Actions> words = Language(emitted, joined);
             for (const auto &observed : observations) {
@@ -145,66 +143,6 @@ TEST(StormChecker, AcceptsTheLanguageAndNothingElse)
             }
         }
     }
-    // Longer ones: every word, and every word with one request dropped,
-    // added, replaced or swapped with its neighbour.
-    std::mt19937_64 rng(9);
-    for (const auto &emitted : RandomSequences(10, 9, 9)) {
-        Joined joined(emitted.size() - 1);
-        for (size_t i = 0; i < joined.size(); ++i) {
-            joined[i] = (rng() % 3) == 0;
-        }
-        std::set<Actions> words = Language(emitted, joined);
-        for (const auto &word : words) {
-            ASSERT_TRUE(Accepted(emitted, word, joined)) << "events " << Show(emitted, joined) << ", requests " << word;
-            std::vector<Actions> near;
-            for (size_t i = 0; i <= word.size(); ++i) {
-                for (char a : {'A', 'R', 'C'}) {
-                    near.push_back(word.substr(0, i) + a + word.substr(i));
-                    if (i < word.size()) {
-                        near.push_back(word.substr(0, i) + a + word.substr(i + 1));
-                    }
-                }
-                if (i < word.size()) {
-                    near.push_back(word.substr(0, i) + word.substr(i + 1));
-                }
-                if (i + 1 < word.size()) {
-                    Actions swapped = word;
-                    std::swap(swapped[i], swapped[i + 1]);
-                    near.push_back(swapped);
-                }
-            }
-            for (const auto &other : near) {
-                ASSERT_EQ(Accepted(emitted, other, joined), words.count(other) == 1)
-                    << "events " << Show(emitted, joined) << ", requests " << other;
-            }
-        }
-    }
-}
-
-TEST(StormChecker, Examples)
-{
-    EXPECT_TRUE(Accepted("AR", "R"));     // one walk: the add is superseded
-    EXPECT_TRUE(Accepted("AR", "AR"));    // two walks
-    EXPECT_FALSE(Accepted("AR", "AR", {true}));  // known to share a walk
-    EXPECT_FALSE(Accepted("AR", "A"));    // the last add/remove is never lost
-    EXPECT_FALSE(Accepted("AR", "RA"));   // nor reordered
-    EXPECT_FALSE(Accepted("AR", "ARR"));  // nor duplicated
-    EXPECT_FALSE(Accepted("AR", ""));
-    EXPECT_TRUE(Accepted("ACC", "ACC"));  // changes behind the last add: all sent
-    EXPECT_FALSE(Accepted("ACC", "AC"));
-    EXPECT_TRUE(Accepted("CA", "A"));     // a change before an add of its walk goes
-    EXPECT_TRUE(Accepted("CA", "CA"));
-    EXPECT_TRUE(Accepted("ACA", "AA"));   // walks {A} {C A}
-    EXPECT_FALSE(Accepted("ACA", "CA"));  // the change's run starts with the first add
-    EXPECT_TRUE(Accepted("RCCA", "RCA"));  // walks {R C} {C A}
-    EXPECT_FALSE(Accepted("RCCA", "RCA", {false, true, false}));  // both changes in one walk
-    EXPECT_TRUE(Accepted("RCCA", "RCCA", {false, true, false}));
-    EXPECT_FALSE(Accepted("RCCA", "RCCAA"));
-    EXPECT_TRUE(Accepted("CC", "CC"));    // changes never supersede
-    EXPECT_FALSE(Accepted("CC", "C"));
-    EXPECT_TRUE(Accepted("", ""));
-    EXPECT_FALSE(Accepted("", "C"));
-
     using Ev = std::pair<int, char>;
     EXPECT_TRUE(IsSubsequence<Ev>({{1, 'A'}, {2, 'A'}, {1, 'R'}}, {{2, 'A'}, {1, 'R'}}));
     EXPECT_FALSE(IsSubsequence<Ev>({{1, 'A'}, {2, 'A'}}, {{2, 'A'}, {1, 'A'}}));
@@ -215,7 +153,6 @@ TEST(StormChecker, Examples)
 constexpr size_t kDisks = 1000;
 constexpr size_t kEvents = 10000;
 constexpr size_t kRounds = 5;
-constexpr double kTimeSpeed = 20;  // the 120 s wake-ups every 6 s
 
 struct Disk {
     BlockDevice dev;
@@ -230,36 +167,24 @@ std::vector<Disk> BuildDisks(Testbed &tb, size_t n)
     std::vector<Disk> disks;
     size_t fc = n * 4 / 10;
     size_t iscsi = n * 3 / 10;
-    size_t nvme = n - fc - iscsi;
     for (size_t i = 0; i < fc; ++i) {
-        FcDiskSpec spec;
-        spec.host = static_cast<int>(2 + i % 4);
-        spec.port = static_cast<int>(7 + (i / 4) / 256);
-        spec.target = 1;
-        spec.lun = static_cast<int>((i / 4) % 256);
-        BlockDevice d = tb.AddFcDisk(spec);
+        BlockDevice d = tb.AddFcDisk({.host = static_cast<int>(2 + i % 4), .port = static_cast<int>(7 + (i / 4) / 256),
+                                      .target = 1, .lun = static_cast<int>((i / 4) % 256)});
         disks.push_back({d, d.DevNum() + " scsi QMESH VDISK " + d.hctl});
     }
     for (size_t j = 0; j < iscsi; ++j) {
-        IscsiDiskSpec spec;
-        spec.session = static_cast<int>(10 + j / 256);
-        spec.host = static_cast<int>(6 + spec.session % 4);
-        spec.lun = static_cast<int>(j % 256);
-        BlockDevice d = tb.AddIscsiDisk(spec);
+        int session = static_cast<int>(10 + j / 256);
+        BlockDevice d = tb.AddIscsiDisk({.host = 6 + session % 4, .session = session, .lun = static_cast<int>(j % 256)});
         disks.push_back({d, d.DevNum() + " scsi QMESH VDISK " + d.hctl});
     }
     std::map<size_t, NvmeController> controllers;
-    for (size_t k = 0; k < nvme; ++k) {
+    for (size_t k = 0; k < n - fc - iscsi; ++k) {
         size_t instance = k / 256;
         if (controllers.count(instance) == 0) {
-            NvmeControllerSpec spec;
-            spec.instance = static_cast<int>(instance);
-            spec.cntlid = std::to_string(instance + 1);
-            controllers[instance] = tb.AddNvmeController(spec);
+            controllers[instance] = tb.AddNvmeController(
+                {.instance = static_cast<int>(instance), .cntlid = std::to_string(instance + 1)});
         }
-        NvmeNamespaceSpec spec;
-        spec.nsIndex = static_cast<int>(k % 256 + 1);
-        BlockDevice d = tb.AddNvmeNamespace(controllers[instance], spec);
+        BlockDevice d = tb.AddNvmeNamespace(controllers[instance], {.nsIndex = static_cast<int>(k % 256 + 1)});
         disks.push_back({d, d.DevNum() + " nvme QMESH NVDISK " + d.hctl});
     }
     return disks;
@@ -276,16 +201,7 @@ std::optional<uint64_t> FromEnv(const char *name)
 
 char ActionLetter(DriverOp op)
 {
-    switch (op) {
-    case DriverOp::Add:
-        return 'A';
-    case DriverOp::Remove:
-        return 'R';
-    case DriverOp::Change:
-        return 'C';
-    default:
-        return '?';
-    }
+    return op == DriverOp::Add ? 'A' : op == DriverOp::Remove ? 'R' : op == DriverOp::Change ? 'C' : '?';
 }
 
 const char *ActionName(char letter)
@@ -302,16 +218,6 @@ std::string SupersededDevNum(const std::string &message)
     }
     size_t end = message.find(".\n", kHead.size());
     return end == std::string::npos ? "" : message.substr(kHead.size(), end - kHead.size());
-}
-
-bool IsEventRequest(const DriverRequest &r)
-{
-    return r.op == DriverOp::Add || r.op == DriverOp::Remove || r.op == DriverOp::Change;
-}
-
-double SecondsSince(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
 }
 
 // One event of the storm.
@@ -339,7 +245,6 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     RecordProperty("seed", std::to_string(seed));
     SCOPED_TRACE("storm seed " + std::to_string(seed));
 
-    auto t0 = Clock::now();
     Lab lab;
     Testbed &tb = lab.testbed();
     DriverEmulator &drv = lab.driver();
@@ -355,19 +260,17 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     const size_t closer = disks.size() - 1;
     // A loop device: its change reaches the daemon and is dropped there.
     BlockDevice poke = tb.AddLoop(7);
-
     std::map<std::string, size_t> byDevNum;
     for (size_t i = 0; i < disks.size(); ++i) {
         ASSERT_TRUE(byDevNum.emplace(disks[i].dev.DevNum(), i).second) << disks[i].dev.DevNum();
     }
 
-    DaemonOptions options;
-    options.timeSpeed = kTimeSpeed;
-    Daemon &d = lab.Start(options);
+    // The 120 s wake-ups every 6 s.
+    Daemon &d = lab.Start({.timeSpeed = 20});
     ASSERT_TRUE(lab.WaitNotify("READY=1", 120s)) << d.Stderr();
-
-    // The start-up scan takes every disk over: one ADD each, before any
-    // live event is sent, so that the storm starts from a known state.
+    // The start-up scan takes every disk over (one ADD each, checked with the
+    // rest below) before any live event is sent: the storm starts from a
+    // known state.
     ASSERT_TRUE(drv.WaitFor(
         [&](const std::vector<DriverRequest> &all) {
             return static_cast<size_t>(std::count_if(all.begin(), all.end(), [](const DriverRequest &r) {
@@ -376,26 +279,6 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
         },
         120s))
         << "the start-up scan did not take every disk over";
-    const std::vector<DriverRequest> scanPhase = drv.Requests();
-    {
-        std::map<size_t, size_t> adds;
-        for (const auto &r : scanPhase) {
-            ASSERT_TRUE(r.op == DriverOp::Open || r.op == DriverOp::Start || r.op == DriverOp::Get ||
-                        r.op == DriverOp::Add)
-                << "unexpected " << DriverOpName(r.op) << " " << r.text << " during the start-up scan";
-            if (r.op == DriverOp::Add) {
-                auto it = byDevNum.find(r.DevNum());
-                ASSERT_NE(it, byDevNum.end()) << "ADD of an unknown device: " << r.text;
-                EXPECT_EQ(r.text, disks[it->second].info);
-                ++adds[it->second];
-            }
-        }
-        EXPECT_EQ(adds.size(), disks.size());
-        for (const auto &[disk, n] : adds) {
-            EXPECT_EQ(n, 1u) << disks[disk].dev.name;
-        }
-    }
-    const double setUpSeconds = SecondsSince(t0);
 
     // The plan: events spread evenly over the disks, actions and order at
     // random; every other slice of the order goes out as a held batch.
@@ -407,7 +290,6 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     std::shuffle(events.begin(), events.end(), rng);
     const size_t slice = std::max<size_t>(1, stormEvents / (2 * kRounds));
 
-    auto t1 = Clock::now();
     std::vector<Event> sentEvents;  // in the order sent
     auto send = [&](const Event &ev) {
         ASSERT_EQ(tb.Emit(disks[ev.disk].dev.syspath, ActionName(ev.action)), 1u)
@@ -435,11 +317,9 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
         ASSERT_TRUE(Eventually([&] { return drv.HeldCount() == 0; }, 30s));
     }
     ASSERT_NO_FATAL_FAILURE(send({closer, 'C', -1}));
-    const double sendSeconds = SecondsSince(t1);
 
-    auto t2 = Clock::now();
     const std::string closerNum = disks[closer].dev.DevNum();
-    size_t looked = scanPhase.size();  // requests before this one are not the closer's
+    size_t looked = disks.size();  // requests before this one are the scan's
     ASSERT_TRUE(drv.WaitFor(
         [&](const std::vector<DriverRequest> &all) {
             for (; looked < all.size(); ++looked) {
@@ -452,20 +332,15 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
         },
         150s))
         << "the storm's last event did not reach the driver";
-    const double drainSeconds = SecondsSince(t2);
 
     // An orderly stop: the monitor's next poll fails, its thread ends and
-    // takes the daemon down (under ASan, LeakSanitizer looks at the exit).
+    // takes the daemon down.
     ASSERT_TRUE(d.WaitMonitorIdle(30s));
     d.FailNextPoll(ENOMEM);
     tb.Emit(poke.syspath, "change", 5s);
     auto status = d.WaitExit(60s);
     ASSERT_TRUE(status.has_value()) << "the daemon did not stop after its monitor thread ended";
     EXPECT_EQ(status->Describe(), "exit 0") << d.Stderr();
-    ASSERT_TRUE(lab.sandbox().Notify().Sync());
-    auto notes = lab.sandbox().Notifications();
-    ASSERT_FALSE(notes.empty());
-    EXPECT_EQ(notes.back().text, "STATUS=shutdown");
 
     // --- The record. ---------------------------------------------------------
     std::vector<Actions> emitted(disks.size());
@@ -476,30 +351,29 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
         batchOf[ev.disk].push_back(ev.batch);
         emittedAll.emplace_back(ev.disk, ev.action);
     }
-
-    auto t3 = Clock::now();
-    const std::vector<DriverRequest> all = drv.Requests();
-    ASSERT_GE(all.size(), scanPhase.size());
     std::vector<Actions> observed(disks.size());
     std::vector<std::pair<size_t, char>> observedAll;
+    size_t scanAdds = 0;
+    std::set<size_t> scanned;
     size_t unanswered = 0;
-    for (size_t i = scanPhase.size(); i < all.size(); ++i) {
-        const DriverRequest &r = all[i];
-        if (r.op == DriverOp::Close) {
+    for (const DriverRequest &r : drv.Requests()) {
+        if (r.op == DriverOp::Open || r.op == DriverOp::Close || r.op == DriverOp::Start || r.op == DriverOp::Get) {
             continue;
         }
-        ASSERT_TRUE(IsEventRequest(r)) << "unexpected " << DriverOpName(r.op) << " " << r.text << " during the storm";
         auto it = byDevNum.find(r.DevNum());
         ASSERT_NE(it, byDevNum.end()) << "request for an unknown device: " << DriverOpName(r.op) << " " << r.text;
-        if (r.op == DriverOp::Add) {
-            EXPECT_EQ(r.text, disks[it->second].info);
-        } else {
-            EXPECT_EQ(r.text, r.DevNum());
-        }
+        EXPECT_EQ(r.text, r.op == DriverOp::Add ? disks[it->second].info : r.DevNum());
         unanswered += r.answered && r.status == 1024 ? 0 : 1;
+        if (scanAdds < disks.size()) {
+            ASSERT_EQ(r.op, DriverOp::Add) << "the scan's batch: " << r.text;
+            ++scanAdds;
+            scanned.insert(it->second);
+            continue;
+        }
         observed[it->second].push_back(ActionLetter(r.op));
         observedAll.emplace_back(it->second, ActionLetter(r.op));
     }
+    EXPECT_EQ(scanned.size(), disks.size()) << "the scan did not add every disk once";
     EXPECT_EQ(unanswered, 0u) << "requests not answered with 1024";
     ASSERT_FALSE(observedAll.empty());
     EXPECT_EQ(observedAll.back(), std::make_pair(closer, 'C')) << "a request came after the storm's last event";
@@ -507,35 +381,18 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     // Per device: in the accepted language of its events, knowing which of
     // them were held in one batch.
     size_t rejected = 0;
-    size_t sent = 0;
     for (size_t i = 0; i < disks.size(); ++i) {
-        sent += observed[i].size();
         Joined joined(emitted[i].empty() ? 0 : emitted[i].size() - 1);
-        std::string shown;
-        for (size_t k = 0; k < emitted[i].size(); ++k) {
-            if (k + 1 < emitted[i].size()) {
-                joined[k] = batchOf[i][k] >= 0 && batchOf[i][k] == batchOf[i][k + 1];
-            }
-            shown.push_back(emitted[i][k]);
-            if (k + 1 < emitted[i].size()) {
-                shown += joined[k] ? "=" : " ";
-            }
+        for (size_t k = 0; k < joined.size(); ++k) {
+            joined[k] = batchOf[i][k] >= 0 && batchOf[i][k] == batchOf[i][k + 1];
         }
         if (!Accepted(emitted[i], observed[i], joined) && ++rejected <= 20) {
-            ADD_FAILURE() << disks[i].dev.name << " (" << disks[i].dev.DevNum() << "): events " << shown
-                          << " ('=': same held batch), requests " << observed[i] << " (A add, R remove, C change)";
+            ADD_FAILURE() << disks[i].dev.name << " (" << disks[i].dev.DevNum() << "): events "
+                          << Show(emitted[i], joined) << " ('=': same held batch), requests " << observed[i]
+                          << " (A add, R remove, C change)";
         }
-        // Spelled out, although the language implies it: the last add or
-        // remove sent is the last one emitted.
-        auto lastOf = [](const Actions &a) {
-            auto pos = a.find_last_not_of('C');
-            return pos == std::string::npos ? '-' : a[pos];
-        };
-        EXPECT_EQ(lastOf(observed[i]), lastOf(emitted[i]))
-            << disks[i].dev.name << ": events " << emitted[i] << ", requests " << observed[i];
     }
     EXPECT_EQ(rejected, 0u) << "devices whose requests no cut into walks explains";
-
     // Across devices: the requests keep the order of the events.
     EXPECT_TRUE(IsSubsequence(emittedAll, observedAll)) << "requests out of the order of their events";
 
@@ -545,14 +402,9 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     size_t supersededOther = 0;
     for (const auto &rec : lab.TraceLog()) {
         std::string num = SupersededDevNum(rec.message);
-        if (num.empty()) {
-            continue;
-        }
-        auto it = byDevNum.find(num);
-        if (it == byDevNum.end()) {
-            ++supersededOther;
-        } else {
-            ++superseded[it->second];
+        if (!num.empty()) {
+            auto it = byDevNum.find(num);
+            ++(it == byDevNum.end() ? supersededOther : superseded[it->second]);
         }
     }
     EXPECT_EQ(supersededOther, 0u);
@@ -564,11 +416,6 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
         }
     }
     EXPECT_EQ(mismatched, 0u);
-
-    std::printf("[ storm    ] %zu events, %zu requests, %zu dropped as superseded; set-up and scan %.1f s, "
-                "sending %.1f s, last request %.1f s after the last event, checks %.1f s\n",
-                sentEvents.size(), sent, sentEvents.size() - sent, setUpSeconds, sendSeconds, drainSeconds,
-                SecondsSince(t3));
 }
 
 }  // namespace
