@@ -12,130 +12,116 @@
 
 namespace {
 
-// ---- reading ------------------------------------------------------------------
+// ---- reading and writing ----------------------------------------------------------
 
-TEST(FileReadTest, FailuresReturnNegativeAndLogThePath)
+class FileIoTest : public ::testing::Test {
+protected:
+    // What the call added to the trace file.
+    std::string Added(size_t before) const { return trace_.Text().substr(before); }
+
+    qmtest::TraceCapture trace_;
+    qmtest::TempDir dir_;
+    // Joined with the directory, a name of this length gives a path of 255: refused.
+    std::string longName_ = std::string(255 - dir_.Path().size() - 1, 'n');
+};
+
+TEST_F(FileIoTest, ReadIsOneReadOfAtMostLengthWithTheTrailingNewlineCut)
 {
-    qmtest::TraceCapture trace;
-    qmtest::TempDir dir;
-    char buf[16] = {};
-    std::string longName(255 - dir.Path().size() - 1, 'n');  // joined path of exactly 255
     struct Row {
         const char *name;
         std::string file;
+        std::string content;  // written to "attr"
         int32_t length;
-        const char *message;  // null: no record
+        int32_t ret;            // -1: any negative value
+        std::string buffer;     // all 16 bytes after the call, 'x' past the part shown
+        const char *message;    // error record expected; null: none
     } rows[] = {
-        {"negative length", "present", -1, nullptr},
-        {"missing file", "missing", 15, "open file{"},
-        {"joined path of 255", longName, 15, "structure full name fail with dir{"},
-        {"file is a directory", ".", 15, "read fail in file{"},
-    };
-    qmtest::WriteFile(dir.File("present"), "30\n");
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        std::string before = trace.Text();
-        EXPECT_LT(INTF_UTIL_Read(dir.Path().c_str(), row.file.c_str(), buf, row.length), 0);
-        std::string added = trace.Text().substr(before.size());
-        if (row.message == nullptr) {
-            EXPECT_TRUE(added.empty());
-        } else {
-            EXPECT_NE(added.find(row.message), std::string::npos) << added;
-            EXPECT_NE(added.find("[ERROR]"), std::string::npos);
-        }
-    }
-    EXPECT_LT(INTF_UTIL_Read(nullptr, "x", buf, 1), 0);
-    EXPECT_LT(INTF_UTIL_Read(dir.Path().c_str(), "present", nullptr, 1), 0);
-}
-
-TEST(FileReadTest, OneReadOfAtMostLengthWithTheTrailingNewlineCut)
-{
-    qmtest::TempDir dir;
-    struct Row {
-        const char *name;
-        std::string content;
-        int32_t length;
-        int32_t ret;
-        std::string buffer;  // all 16 bytes after the call (pre-filled with 'x' past the zeroed part)
-    } rows[] = {
-        {"attribute with newline", "30\n", 15, 3, std::string("30\0", 3)},
-        {"no newline, no terminator added", "abc", 15, 3, "abc"},
-        {"only a newline", "\n", 15, 1, std::string("\0", 1)},
-        {"cut short: newline beyond length stays unread", "12345\n", 3, 3, "123"},
-        {"newline inside is kept", "a\nb\n", 15, 4, std::string("a\nb\0", 4)},
-        {"empty file", "", 15, 0, ""},
-        {"length 0", "30\n", 0, 0, ""},
+        {"negative length", "attr", "30\n", -1, -1, "", nullptr},
+        {"missing file", "missing", "", 15, -1, "", "open file{"},
+        {"joined path of 255", longName_, "", 15, -1, "", "structure full name fail with dir{"},
+        {"file is a directory", ".", "", 15, -1, "", "read fail in file{"},
+        {"attribute with newline", "attr", "30\n", 15, 3, std::string("30\0", 3), nullptr},
+        {"no newline, no terminator added", "attr", "abc", 15, 3, "abc", nullptr},
+        {"only a newline", "attr", "\n", 15, 1, std::string("\0", 1), nullptr},
+        {"cut short: newline beyond length stays unread", "attr", "12345\n", 3, 3, "123", nullptr},
+        {"newline inside is kept", "attr", "a\nb\n", 15, 4, std::string("a\nb\0", 4), nullptr},
+        {"empty file", "attr", "", 15, 0, "", nullptr},
+        {"length 0", "attr", "30\n", 0, 0, "", nullptr},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        qmtest::WriteFile(dir.File("attr"), row.content);
+        qmtest::WriteFile(dir_.File("attr"), row.content);
         char buf[16];
         std::memset(buf, 'x', sizeof(buf));
-        EXPECT_EQ(INTF_UTIL_Read(dir.Path().c_str(), "attr", buf, row.length), row.ret);
-        std::string expected = row.buffer + std::string(sizeof(buf) - row.buffer.size(), 'x');
-        EXPECT_EQ(std::string(buf, sizeof(buf)), expected);
+        size_t before = trace_.Text().size();
+        int32_t ret = INTF_UTIL_Read(dir_.Path().c_str(), row.file.c_str(), buf, row.length);
+        if (row.ret < 0) {
+            EXPECT_LT(ret, 0);
+        } else {
+            EXPECT_EQ(ret, row.ret);
+        }
+        EXPECT_EQ(std::string(buf, sizeof(buf)), row.buffer + std::string(sizeof(buf) - row.buffer.size(), 'x'));
+        std::string added = Added(before);
+        if (row.message == nullptr) {
+            EXPECT_EQ(added, "");
+        } else {
+            EXPECT_NE(added.find(std::string("[ERROR]") + "[UDEV  ][INTF_UTIL_Read: "), std::string::npos) << added;
+            EXPECT_NE(added.find(row.message), std::string::npos) << added;
+        }
     }
+    char buf[4];
+    EXPECT_LT(INTF_UTIL_Read(nullptr, "x", buf, 1), 0);
+    EXPECT_LT(INTF_UTIL_Read(dir_.Path().c_str(), "attr", nullptr, 1), 0);
 }
 
-// ---- writing ------------------------------------------------------------------
-
-TEST(FileWriteTest, FailuresReturnNegativeAndCreateNothing)
+// No O_CREAT and no O_TRUNC: the target is an existing attribute file.
+TEST_F(FileIoTest, WriteGoesIntoTheExistingFileWithoutTruncating)
 {
-    qmtest::TraceCapture trace;
-    qmtest::TempDir dir;
-    std::string longName(255 - dir.Path().size() - 1, 'n');
-    EXPECT_EQ(INTF_UTIL_Write(dir.Path().c_str(), "missing", "5", 1), -1);
-    EXPECT_TRUE(trace.Has("open file{" + dir.File("missing") + "} failed!"));
-    EXPECT_FALSE(::access(dir.File("missing").c_str(), F_OK) == 0);
-
-    EXPECT_EQ(INTF_UTIL_Write(dir.Path().c_str(), longName.c_str(), "5", 1), -1);
-    EXPECT_TRUE(trace.Has("structure full name fail with path{" + dir.Path() + "} file{"));
-
-    EXPECT_LT(INTF_UTIL_Write(dir.Path().c_str(), ".", "5", 1), 0);  // a directory does not open for writing
-    EXPECT_EQ(INTF_UTIL_Write(nullptr, "x", "5", 1), -1);
-}
-
-TEST(FileWriteTest, WritesIntoTheExistingFileWithoutTruncating)
-{
-    qmtest::TempDir dir;
-    std::string longestName(255 - dir.Path().size() - 2, 'n');  // joined path of 254 still fits
+    const std::string longestName(longName_.size() - 1, 'n');  // joined path of 254 still fits
     struct Row {
         std::string file;
-        std::string before;
+        const char *before;  // null: the file does not exist
         std::string data;
         int32_t ret;
-        std::string after;
+        const char *after;    // null: no file afterwards
+        std::string message;  // error record expected; empty: none
     } rows[] = {
-        {"attr", "60\n", "30", 2, "30\n"},
-        {"attr", "", "120", 3, "120"},
-        {"attr", "abc", "", 0, "abc"},
-        {longestName, "x", "y", 1, "y"},
+        {"missing", nullptr, "5", -1, nullptr, "open file{" + dir_.File("missing") + "} failed!"},
+        {longName_, nullptr, "5", -1, nullptr, "structure full name fail with path{" + dir_.Path() + "} file{"},
+        {".", nullptr, "5", -1, nullptr, "open file{" + dir_.File(".") + "} failed!"},  // a directory
+        {"attr", "60\n", "30", 2, "30\n", ""},
+        {"attr", "", "120", 3, "120", ""},
+        {"attr", "abc", "", 0, "abc", ""},
+        {longestName, "x", "y", 1, "y", ""},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.data);
-        qmtest::WriteFile(dir.File(row.file), row.before);
-        EXPECT_EQ(INTF_UTIL_Write(dir.Path().c_str(), row.file.c_str(), row.data.data(),
+        SCOPED_TRACE(row.file.substr(0, 10) + " " + row.data);
+        if (row.before != nullptr) {
+            qmtest::WriteFile(dir_.File(row.file), row.before);
+        }
+        size_t before = trace_.Text().size();
+        EXPECT_EQ(INTF_UTIL_Write(dir_.Path().c_str(), row.file.c_str(), row.data.data(),
                                   static_cast<uint32_t>(row.data.size())),
                   row.ret);
-        EXPECT_EQ(qmtest::ReadFile(dir.File(row.file)), row.after);
+        if (row.after != nullptr) {
+            EXPECT_EQ(qmtest::ReadFile(dir_.File(row.file)), row.after);
+        } else if (row.file != ".") {
+            EXPECT_NE(::access(dir_.File(row.file).c_str(), F_OK), 0) << "created";
+        }
+        std::string added = Added(before);
+        if (row.message.empty()) {
+            EXPECT_EQ(added, "");
+        } else {
+            EXPECT_NE(added.find("[ERROR]"), std::string::npos) << added;
+            EXPECT_NE(added.find(row.message), std::string::npos) << added;
+        }
     }
+    EXPECT_EQ(INTF_UTIL_Write(nullptr, "x", "5", 1), -1);
 }
 
 // ---- tokens -------------------------------------------------------------------
 
-std::vector<std::string> SplitAll(std::string text, const char *delimiter)
-{
-    std::vector<char> buf(text.begin(), text.end());
-    buf.push_back('\0');
-    char *cursor = buf.data();
-    std::vector<std::string> tokens;
-    while (cursor != nullptr) {
-        tokens.emplace_back(UTIL_StrSep(&cursor, delimiter));
-    }
-    return tokens;
-}
-
-TEST(StrSepTest, NullArgumentsGiveNull)
+TEST(StrSepTest, CutsAtEachWholeDelimiterInTurn)
 {
     char text[] = "a b";
     char *cursor = text;
@@ -145,10 +131,7 @@ TEST(StrSepTest, NullArgumentsGiveNull)
     cursor = nullptr;
     EXPECT_EQ(UTIL_StrSep(&cursor, " "), nullptr);
     EXPECT_EQ(cursor, nullptr);
-}
 
-TEST(StrSepTest, CutsAtEachDelimiterInTurn)
-{
     struct Row {
         const char *text;
         const char *delimiter;
@@ -167,11 +150,16 @@ TEST(StrSepTest, CutsAtEachDelimiterInTurn)
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(std::string(row.text) + " / " + row.delimiter);
-        EXPECT_EQ(SplitAll(row.text, row.delimiter), row.tokens);
+        std::string buf = row.text;
+        std::vector<std::string> tokens;
+        for (char *cursor = buf.data(); cursor != nullptr;) {
+            tokens.emplace_back(UTIL_StrSep(&cursor, row.delimiter));
+        }
+        EXPECT_EQ(tokens, row.tokens);
     }
 }
 
-// ---- character classes ------------------------------------------------------------
+// ---- character classes and hex -----------------------------------------------------
 
 TEST(CharClassTest, DigitAndHexStrings)
 {
@@ -180,10 +168,10 @@ TEST(CharClassTest, DigitAndHexStrings)
         bool digits;
         bool hex;
     } rows[] = {
-        {nullptr, false, false}, {"", true, true},        {"0123456789", true, true}, {"abcdef", false, true},
-        {"ABCDEF", false, true}, {"0x1f", false, false},  {"g", false, false},        {"G", false, false},
-        {" 1", false, false},    {"1 ", false, false},    {"-1", false, false},       {"12\n", false, false},
-        {"/", false, false},     {":", false, false},     {"@", false, false},        {"`", false, false},
+        {nullptr, false, false}, {"", true, true},       {"0123456789", true, true}, {"abcdef", false, true},
+        {"ABCDEF", false, true}, {"0x1f", false, false}, {"g", false, false},        {"G", false, false},
+        {" 1", false, false},    {"1 ", false, false},   {"-1", false, false},       {"12\n", false, false},
+        {"/", false, false},     {":", false, false},    {"@", false, false},        {"`", false, false},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.text == nullptr ? "(null)" : row.text);
@@ -192,40 +180,33 @@ TEST(CharClassTest, DigitAndHexStrings)
     }
 }
 
-// ---- hex ---------------------------------------------------------------------------
-
-TEST(BytesToHexTest, RefusesMissingBuffersAndTooSmallOutput)
+// Two lower-case digits per byte, then a NUL; nothing beyond outSize.
+TEST(BytesToHexTest, RefusesTooSmallOutputElseWritesTwoDigitsPerByte)
 {
     const uint8_t bytes[4] = {0xde, 0xad, 0xbe, 0xef};
     char out[16];
-    std::memset(out, 'x', sizeof(out));
     EXPECT_EQ(UTIL_BytesToHexString(nullptr, 4, out, 16), UDEV_RET_INVALID_PARAM);
     EXPECT_EQ(UTIL_BytesToHexString(bytes, 4, nullptr, 16), UDEV_RET_INVALID_PARAM);
-    EXPECT_EQ(UTIL_BytesToHexString(bytes, 4, out, 8), UDEV_RET_INVALID_PARAM);
-    EXPECT_EQ(UTIL_BytesToHexString(bytes, 0, out, 0), UDEV_RET_INVALID_PARAM);
-    EXPECT_EQ(UTIL_BytesToHexString(bytes, 0x80000000u, out, 0), UDEV_RET_INVALID_PARAM);
-    EXPECT_EQ(std::string(out, sizeof(out)), std::string(16, 'x'));
-}
-
-TEST(BytesToHexTest, TwoLowerCaseDigitsPerByteThenNul)
-{
     struct Row {
         std::vector<uint8_t> bytes;
+        uint32_t count;
         uint32_t outSize;
-        std::string out;
+        std::string out;  // empty: refused, out untouched
     } rows[] = {
-        {{0xde, 0xad, 0xbe, 0xef}, 9, "deadbeef"},
-        {{0x00, 0x0a, 0xff}, 16, "000aff"},
-        {{0x7}, 3, "07"},
+        {{0xde, 0xad, 0xbe, 0xef}, 4, 8, ""},
+        {{}, 0, 0, ""},
+        {{}, 0x80000000u, 0, ""},
+        {{0xde, 0xad, 0xbe, 0xef}, 4, 9, "deadbeef"},
+        {{0x00, 0x0a, 0xff}, 3, 16, "000aff"},
+        {{0x7}, 1, 3, "07"},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.out);
-        std::vector<char> out(row.outSize + 1, 'x');
-        EXPECT_EQ(UTIL_BytesToHexString(row.bytes.data(), static_cast<uint32_t>(row.bytes.size()), out.data(),
-                                        row.outSize),
-                  UDEV_RET_OK);
-        EXPECT_EQ(std::string(out.data()), row.out);
-        EXPECT_EQ(out[row.outSize], 'x');  // nothing beyond outSize
+        SCOPED_TRACE(std::to_string(row.count) + " into " + std::to_string(row.outSize));
+        std::memset(out, 'x', sizeof(out));
+        EXPECT_EQ(UTIL_BytesToHexString(row.bytes.empty() ? bytes : row.bytes.data(), row.count, out, row.outSize),
+                  row.out.empty() ? UDEV_RET_INVALID_PARAM : UDEV_RET_OK);
+        std::string expected = row.out.empty() ? std::string() : row.out + '\0';
+        EXPECT_EQ(std::string(out, sizeof(out)), expected + std::string(sizeof(out) - expected.size(), 'x'));
     }
 }
 

@@ -50,14 +50,6 @@ std::vector<Record> ParseTrace(const std::string &text)
     return records;
 }
 
-std::string KeyFor(int line)
-{
-    char key[32];
-    (void)snprintf_s(key, sizeof(key), sizeof(key) - 1, "%08x%02x%02x%04x", 0x5342u, 22u, 0u,
-                     static_cast<unsigned>(line));
-    return key;
-}
-
 std::vector<std::string> g_syslog;
 void CatchSyslog(const char *text)
 {
@@ -81,18 +73,16 @@ protected:
 
 // ---- trace file ----------------------------------------------------------------
 
-TEST_F(LogTest, TraceRecordFieldsReadBack)
+TEST_F(LogTest, TraceRecordsFieldsAndSequence)
 {
+    // Without a path records are dropped: no crash, no syslog.
+    ASSERT_EQ(MPI_SetLogFile(""), UDEV_RET_OK);
+    MPI_Log(MPI_LOG_ERROR, "%s\n", "lost");
     qmtest::TraceCapture trace;
     struct Row {
         int level;
-        const char *printed;
-    } rows[] = {
-        {MPI_LOG_INFO, "INFO"},
-        {MPI_LOG_WARN, "WARN"},
-        {MPI_LOG_ERROR, "ERROR"},
-        {MPI_LOG_FATAL, "FATAL"},
-    };
+        const char *printed;  // at least 4 wide, "ERROR" whole
+    } rows[] = {{MPI_LOG_INFO, "INFO"}, {MPI_LOG_WARN, "WARN"}, {MPI_LOG_ERROR, "ERROR"}, {MPI_LOG_FATAL, "FATAL"}};
     MPI_Log(MPI_LOG_DEBUG, "%s\n", "debug text");  // neither written nor numbered
     std::vector<int> lines;
     for (const Row &row : rows) {
@@ -105,47 +95,36 @@ TEST_F(LogTest, TraceRecordFieldsReadBack)
     for (size_t i = 0; i < records.size(); ++i) {
         SCOPED_TRACE(rows[i].printed);
         const Record &r = records[i];
+        char key[32];  // magic, module 22, 0, line
+        (void)snprintf_s(key, sizeof(key), sizeof(key) - 1, "%08x%02x%02x%04x", 0x5342u, 22u, 0u,
+                         static_cast<unsigned>(lines[i]));
         EXPECT_EQ(r.sequence, i + 1);
         EXPECT_TRUE(std::regex_match(r.time, timeRe)) << r.time;
-        EXPECT_EQ(r.key, KeyFor(lines[i]));
-        EXPECT_EQ(r.key.substr(8, 4), "1600");  // module 22, then a 0
-        EXPECT_EQ(r.level, rows[i].printed);    // at least 4 wide, "ERROR" whole
-        EXPECT_EQ(r.module, "UDEV  ");          // padded to 6
+        EXPECT_EQ(r.key, key);
+        EXPECT_EQ(r.level, rows[i].printed);
+        EXPECT_EQ(r.module, "UDEV  ");  // padded to 6
         EXPECT_EQ(r.func, "TestBody");
         EXPECT_EQ(r.line, lines[i]);
         EXPECT_EQ(r.message, "sprintf_s failed.");
     }
-    EXPECT_TRUE(g_syslog.empty());
-}
 
-TEST_F(LogTest, SequenceRunsOnAcrossARemovedFileAndRestartsWithANewPath)
-{
-    qmtest::TraceCapture trace;
-    MPI_Log(MPI_LOG_INFO, "%s\n", "one");
-    MPI_Log(MPI_LOG_INFO, "%s\n", "two");
+    // The sequence runs on across a removed file and restarts with a new path.
     ASSERT_EQ(::unlink(trace.Path().c_str()), 0);
-    MPI_Log(MPI_LOG_INFO, "%s\n", "three");
-    std::vector<Record> records = ParseTrace(trace.Text());
+    MPI_Log(MPI_LOG_INFO, "%s\n", "five");
+    records = ParseTrace(trace.Text());
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].sequence, 3u);
-
+    EXPECT_EQ(records[0].sequence, 5u);
     qmtest::TraceCapture again;
-    MPI_Log(MPI_LOG_INFO, "%s\n", "four");
+    MPI_Log(MPI_LOG_INFO, "%s\n", "one");
     records = ParseTrace(again.Text());
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].sequence, 1u);
-}
-
-TEST_F(LogTest, RecordsWithoutAPathAreDropped)
-{
-    ASSERT_EQ(MPI_SetLogFile(""), UDEV_RET_OK);
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "lost");  // must neither crash nor go to syslog
     EXPECT_TRUE(g_syslog.empty());
 }
 
 // ---- system log --------------------------------------------------------------------
 
-TEST_F(LogTest, SyslogModeSendsOnlyTheMessageForEveryLevel)
+TEST_F(LogTest, SyslogModeSendsOnlyTheMessageAndReplacesTextsOf1024OrMore)
 {
     qmtest::TraceCapture trace;
     UDEV_SetSyslogMode();
@@ -154,21 +133,13 @@ TEST_F(LogTest, SyslogModeSendsOnlyTheMessageForEveryLevel)
     MPI_Log(MPI_LOG_ERROR, "%s.\n", "sprintf_s failed");
     EXPECT_EQ(g_syslog, (std::vector<std::string>{"dbg 1\n", "info x\n", "sprintf_s failed.\n"}));
     EXPECT_EQ(trace.Text(), "");
-}
 
-TEST_F(LogTest, SyslogTextOf1024OrMoreIsReplacedNotCut)
-{
-    struct Row {
-        size_t length;
-        bool whole;
-    } rows[] = {{0, true}, {1, true}, {1023, true}, {1024, false}, {5000, false}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.length);
+    for (size_t length : {0, 1, 1023, 1024, 5000}) {
+        SCOPED_TRACE(length);
         g_syslog.clear();
-        std::string message(row.length, 'm');
+        std::string message(length, 'm');
         UDEV_Syslog("%s", message.c_str());
-        ASSERT_EQ(g_syslog.size(), 1u);
-        EXPECT_EQ(g_syslog[0], row.whole ? message : std::string("vsnprintf failed."));
+        EXPECT_EQ(g_syslog, std::vector<std::string>{length < 1024 ? message : "vsnprintf failed."});
     }
     g_syslog.clear();
     UDEV_Syslog(nullptr);
@@ -177,39 +148,30 @@ TEST_F(LogTest, SyslogTextOf1024OrMoreIsReplacedNotCut)
 
 // ---- log path ---------------------------------------------------------------------
 
-TEST_F(LogTest, FilePathKinds)
+TEST_F(LogTest, FilePathKindsAndTheInitialTracePath)
 {
     const std::string logDir = "/opt/Quillmesh_NVMe/log/";  // 24 characters of the 119 that fit
     const std::string fits(119 - logDir.size(), 'n');
     struct Row {
         int kind;
         std::string name;
-        bool refused;
-        std::string expected;
+        std::string expected;  // empty: refused
     } rows[] = {
-        {2, "qm_udev_log.txt", false, "/opt/Quillmesh_NVMe/log/qm_udev_log.txt"},
-        {5, "qm.conf", false, "/etc/Quillmesh_NVMe/qm.conf"},
-        {7, "more", false, "/etc/Quillmesh_NVMe/qm.confmore"},  // appended to what was there
-        {0, "", false, "/etc/Quillmesh_NVMe/qm.confmore"},
-        {2, fits, false, logDir + fits},
-        {2, fits + "n", true, ""},
-        {3, "alone", false, "alone"},  // the failure left an empty buffer behind
-        {5, std::string(120, 'n'), true, ""},
+        {5, std::string(120, 'n'), ""},
+        {2, fits + "n", ""},
+        {3, "alone", "alone"},  // the failure left an empty buffer behind
+        {2, "qm_udev_log.txt", "/opt/Quillmesh_NVMe/log/qm_udev_log.txt"},
+        {5, "qm.conf", "/etc/Quillmesh_NVMe/qm.conf"},
+        {7, "more", "/etc/Quillmesh_NVMe/qm.confmore"},  // appended to what was there
+        {0, "", "/etc/Quillmesh_NVMe/qm.confmore"},
+        {2, fits, logDir + fits},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(std::to_string(row.kind) + " " + row.name);
         const char *path = MPI_GetFilePath(row.kind, row.name.c_str());
-        if (row.refused) {
-            EXPECT_EQ(path, nullptr);
-        } else {
-            ASSERT_NE(path, nullptr);
-            EXPECT_EQ(std::string(path), row.expected);
-        }
+        EXPECT_STREQ(path, row.expected.empty() ? nullptr : row.expected.c_str());
     }
-}
 
-TEST_F(LogTest, InitLogPointsTheDescriptorAtTheTraceFile)
-{
     MPI_LogDesc *desc = MPI_GetLogDesc(22);
     ASSERT_EQ(UDEV_InitLog(), UDEV_RET_OK);
     EXPECT_STREQ(desc->path, "/opt/Quillmesh_NVMe/log/qm_udev_log.txt");
@@ -220,6 +182,7 @@ TEST_F(LogTest, InitLogPointsTheDescriptorAtTheTraceFile)
 
 // ---- assertion ----------------------------------------------------------------------
 
+constexpr int kAssertLine = __LINE__ + 4;
 void *AssertInThread(void *)
 {
     int *pointer = nullptr;
@@ -227,30 +190,14 @@ void *AssertInThread(void *)
     return nullptr;
 }
 
-TEST_F(LogTest, FailedAssertionWritesOneRecordAndHoldsTheThread)
-{
-    qmtest::TraceCapture trace;
-    int line = __LINE__ + 3;
-    qmtest::HangResult result = qmtest::RunUntilTraceHas(trace.Path(), "exception \"1 == 2\"", [] {
-        UDEV_SetSyslogMode();  // assertions ignore the mode
-        MPI_Assert(1 == 2);
-    });
-    EXPECT_TRUE(result.recordSeen);
-    EXPECT_TRUE(result.stillRunning);
-    std::vector<Record> records = ParseTrace(trace.Text());
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].level, "ERROR");
-    EXPECT_EQ(records[0].func, "operator()");
-    EXPECT_EQ(records[0].line, line);
-    EXPECT_EQ(records[0].message, "*** Assertion on file \"(null)\" function \"operator()\" line " +
-                                      std::to_string(line) + " exception \"1 == 2\"");
-}
-
-TEST_F(LogTest, FailedAssertionInAWorkerLeavesTheOtherThreadsRunning)
+// The worker's failed assertion writes one record, in trace format even in
+// syslog mode, and holds only its own thread: the main thread logs on.
+TEST_F(LogTest, FailedAssertionWritesOneRecordAndHoldsOnlyItsThread)
 {
     qmtest::TraceCapture trace;
     std::string tracePath = trace.Path();
-    qmtest::HangResult result = qmtest::RunUntilTraceHas(trace.Path(), "main thread goes on", [tracePath] {
+    qmtest::HangResult result = qmtest::RunUntilTraceHas(tracePath, "main thread goes on", [tracePath] {
+        UDEV_SetSyslogMode();
         pthread_t worker;
         if (pthread_create(&worker, nullptr, AssertInThread, nullptr) != 0) {
             return;
@@ -259,6 +206,7 @@ TEST_F(LogTest, FailedAssertionInAWorkerLeavesTheOtherThreadsRunning)
         while (qmtest::ReadFile(tracePath).find("exception") == std::string::npos) {
             ::usleep(10000);
         }
+        UDEV_ClearSyslogMode();
         MPI_Log(MPI_LOG_INFO, "%s\n", "main thread goes on");
         for (;;) {
             ::pause();
@@ -266,10 +214,14 @@ TEST_F(LogTest, FailedAssertionInAWorkerLeavesTheOtherThreadsRunning)
     });
     EXPECT_TRUE(result.recordSeen);
     EXPECT_TRUE(result.stillRunning);
-    std::string text = trace.Text();
-    EXPECT_EQ(qmtest::CountOf(text, "*** Assertion on file"), 1u);
-    EXPECT_EQ(qmtest::CountOf(text, "exception \"pointer != ((void *)0)\""), 1u);
-    EXPECT_EQ(qmtest::CountOf(text, "function \"AssertInThread\""), 1u);
+    std::vector<Record> records = ParseTrace(trace.Text());
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].level, "ERROR");
+    EXPECT_EQ(records[0].func, "AssertInThread");
+    EXPECT_EQ(records[0].line, kAssertLine);
+    EXPECT_EQ(records[0].message, "*** Assertion on file \"(null)\" function \"AssertInThread\" line " +
+                                      std::to_string(kAssertLine) + " exception \"pointer != ((void *)0)\"");
+    EXPECT_EQ(records[1].message, "main thread goes on");
 }
 
 // ---- the carried atomic --------------------------------------------------------------

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "support/udev_testbed.h"
 #include "udev_query.h"
@@ -15,13 +18,6 @@ namespace {
 struct Ids {
     char vendor[UTIL_VENDOR_LEN];
     char product[UTIL_PRODUCT_LEN];
-};
-
-struct QueryCase {
-    Opt text;  // attribute (SCSI: vendor, else model); nullopt: missing
-    int ret;
-    const char *vendor;  // on success; else the expected log line
-    const char *product;
 };
 
 TEST(TrimTrailingSpaces, CutsOnlyTrailingBlanksWithinTheSize)
@@ -42,6 +38,24 @@ TEST(TrimTrailingSpaces, CutsOnlyTrailingBlanksWithinTheSize)
     EXPECT_EQ('X', unterminated[5]);
 }
 
+struct QueryCase {
+    Opt text;  // the attribute; nullopt: missing
+    int ret;
+    const char *vendor;  // on success; else the expected log line
+    const char *product;
+};
+
+void ExpectQuery(const QueryCase &c, int ret, const Ids &out, const LogCapture &log)
+{
+    ASSERT_EQ(c.ret, ret);
+    if (ret == UDEV_RET_OK) {
+        EXPECT_STREQ(c.vendor, out.vendor);
+        EXPECT_STREQ(c.product, out.product);
+    } else {
+        EXPECT_TRUE(log.Has(c.vendor));
+    }
+}
+
 TEST(NvmeModelSplit, SplitsAtTheLastHyphen)
 {
     const QueryCase cases[] = {
@@ -59,87 +73,58 @@ TEST(NvmeModelSplit, SplitsAtTheLastHyphen)
         SCOPED_TRACE(*c.text);
         LogCapture log;
         Ids out;
-        ASSERT_EQ(c.ret, UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product,
-                                                            UTIL_PRODUCT_LEN, c.text->c_str()));
-        if (c.ret == UDEV_RET_OK) {
-            EXPECT_STREQ(c.vendor, out.vendor);
-            EXPECT_STREQ(c.product, out.product);
-        } else {
-            EXPECT_TRUE(log.Has(c.vendor));
-        }
+        ExpectQuery(c,
+                    UTIL_NvmeParseVendorProductByModel(out.vendor, UTIL_VENDOR_LEN, out.product, UTIL_PRODUCT_LEN,
+                                                       c.text->c_str()),
+                    out, log);
     }
     Ids out;
     EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, 9, out.product, 17, nullptr));
     EXPECT_EQ(UDEV_RET_FAIL, UTIL_NvmeParseVendorProductByModel(out.vendor, -1, out.product, 17, "A-B"));
 }
 
-TEST(ScsiVendorProduct, FitsTheBuffersThenTrims)
+// SCSI: the vendor and model attributes must fit their buffers, then lose
+// their padding. NVMe: the controller's model, split and trimmed.
+TEST(DiskVendorProduct, ScsiAttributesAndNvmeControllerModel)
 {
-    const QueryCase cases[] = {
-        {std::nullopt, UDEV_RET_FAIL, "get vendor id fail.\n", nullptr},
-        {"QUILLMESH", UDEV_RET_FAIL, "sprintf_s vendor{QUILLMESH} fail.\n", nullptr},
-        {"QUILL   ", UDEV_RET_OK, "QUILL", "MESH-DISK"},
-        {"HP  CO  ", UDEV_RET_OK, "HP  CO", "MESH-DISK"},
-        {"\x01\x7f\xfe", UDEV_RET_OK, "\x01\x7f\xfe", "MESH-DISK"},
+    enum Kind { ScsiVendor, ScsiModel, NvmeModel };
+    const std::vector<std::pair<Kind, QueryCase>> cases = {
+        {ScsiVendor, {std::nullopt, UDEV_RET_FAIL, "get vendor id fail.\n", nullptr}},
+        {ScsiVendor, {"QUILLMESH", UDEV_RET_FAIL, "sprintf_s vendor{QUILLMESH} fail.\n", nullptr}},
+        {ScsiVendor, {"QUILL   ", UDEV_RET_OK, "QUILL", "MESH-DISK"}},
+        {ScsiVendor, {"HP  CO  ", UDEV_RET_OK, "HP  CO", "MESH-DISK"}},
+        {ScsiVendor, {"\x01\x7f\xfe", UDEV_RET_OK, "\x01\x7f\xfe", "MESH-DISK"}},
+        {ScsiModel, {std::nullopt, UDEV_RET_FAIL, "get product id fail with vendor{QUILL   }.\n", nullptr}},
+        {ScsiModel, {"0123456789ABCDEFG", UDEV_RET_FAIL, "sprintf_s product{0123456789ABCDEFG} fail.\n", nullptr}},
+        {NvmeModel, {std::nullopt, UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr}},
+        {NvmeModel, {"ABCD-" + std::string(36, 'P'), UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr}},
+        {NvmeModel, {"ABCD-EFGH-X1", UDEV_RET_FAIL, "strncpy_s vendor{ABCD-EFGH-X1} fail.\n", nullptr}},
+        {NvmeModel, {"ABCD-X1", UDEV_RET_OK, "ABCD", "X1"}},
+        {NvmeModel, {"QUILL   -MESH1   ", UDEV_RET_OK, "QUILL", "MESH1"}},
     };
-    for (const QueryCase &c : cases) {
-        SCOPED_TRACE(c.text.value_or("(missing)"));
+    for (const auto &[kind, c] : cases) {
+        SCOPED_TRACE(std::to_string(kind) + " " + c.text.value_or("(missing)"));
         Testbed bed;
-        UdevDevicePtr scsi = bed.Device(AddScsiDisk(bed, {.vendor = c.text}).scsi);
+        UdevDevicePtr dev = kind == ScsiVendor  ? bed.Device(AddScsiDisk(bed, {.vendor = c.text}).scsi)
+                            : kind == ScsiModel ? bed.Device(AddScsiDisk(bed, {.model = c.text}).scsi)
+                                                : bed.Device(AddNvmeDisk(bed, {.model = c.text}));
         LogCapture log;
         Ids out;
-        ASSERT_EQ(c.ret, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 9, out.product, 17));
-        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.vendor, out.vendor) == 0) << out.vendor;
-        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.product, out.product) == 0) << out.product;
-        EXPECT_TRUE(c.ret == UDEV_RET_OK || log.Has(c.vendor));
+        int ret = kind == NvmeModel ? INTF_UTIL_GetNvmeVendorProduct(dev.get(), out.vendor, 9, out.product, 17)
+                                    : INTF_UTIL_GetScsiVendorProduct(dev.get(), out.vendor, 9, out.product, 17);
+        ExpectQuery(c, ret, out, log);
     }
-}
 
-TEST(ScsiVendorProduct, ModelMissingOrTooLongAndBadArgumentsFail)
-{
     Testbed bed;
-    UdevDevicePtr noModel = bed.Device(AddScsiDisk(bed, {.model = std::nullopt}).scsi);
-    UdevDevicePtr longModel = bed.Device(
-        AddScsiDisk(bed, {.transport = Transport::LOCAL, .host = "host4", .target = "target4:0:0", .scsi = "4:0:0:0",
-                          .block = "sde", .model = "0123456789ABCDEFG"})
-            .scsi);
-    LogCapture log;
-    Ids out;
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 9, out.product, 17));
-    EXPECT_TRUE(log.Has("get product id fail with vendor{QUILL   }.\n"));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(longModel.get(), out.vendor, 9, out.product, 17));
-    EXPECT_TRUE(log.Has("sprintf_s product{0123456789ABCDEFG} fail.\n"));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(nullptr, out.vendor, 9, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), nullptr, 9, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 0, out.product, 17));
-    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(noModel.get(), out.vendor, 9, out.product, -1));
-    EXPECT_EQ(4u, log.Count("the parameter is NULL.\n"));
-}
-
-TEST(NvmeVendorProduct, ReadsTheControllerModel)
-{
-    const QueryCase cases[] = {
-        {std::nullopt, UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr},
-        {"ABCD-" + std::string(36, 'P'), UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr},
-        {"ABCD-EFGH-X1", UDEV_RET_FAIL, "strncpy_s vendor{ABCD-EFGH-X1} fail.\n", nullptr},
-        {"ABCD-X1", UDEV_RET_OK, "ABCD", "X1"},
-        {"QUILL   -MESH1   ", UDEV_RET_OK, "QUILL", "MESH1"},
-    };
-    for (const QueryCase &c : cases) {
-        SCOPED_TRACE(c.text.value_or("(missing)"));
-        Testbed bed;
-        UdevDevicePtr ns = bed.Device(AddNvmeDisk(bed, {.model = c.text}));
-        LogCapture log;
-        Ids out;
-        ASSERT_EQ(c.ret, INTF_UTIL_GetNvmeVendorProduct(ns.get(), out.vendor, 9, out.product, 17));
-        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.vendor, out.vendor) == 0) << out.vendor;
-        EXPECT_TRUE(c.ret != UDEV_RET_OK || std::strcmp(c.product, out.product) == 0) << out.product;
-        EXPECT_TRUE(c.ret == UDEV_RET_OK || log.Has(c.vendor));
-    }
-    Testbed bed;
+    UdevDevicePtr scsi = bed.Device(AddScsiDisk(bed).scsi);
     UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "nvme9n1"));
     LogCapture log;
     Ids out;
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(nullptr, out.vendor, 9, out.product, 17));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), nullptr, 9, out.product, 17));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 0, out.product, 17));
+    EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(scsi.get(), out.vendor, 9, out.product, -1));
+    EXPECT_EQ(4u, log.Count("the parameter is NULL.\n"));
     EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetNvmeVendorProduct(orphan.get(), out.vendor, 9, out.product, 17));
     EXPECT_TRUE(log.Has("get device nvme device parent fail.\n"));
 }
@@ -185,7 +170,8 @@ TEST(TraverseSubsysUdev, StopsOnlyOnAFailingCallback)
     EXPECT_EQ(3u, log.Count("invalid parameter.\n"));
     const struct {
         int failAt, okResult, ret, calls;
-    } cases[] = {{2, UDEV_RET_OK, UDEV_RET_FAIL, 2}, {0, UDEV_RET_SKIP, UDEV_RET_OK, 3}, {0, UDEV_RET_OK, UDEV_RET_OK, 3}};
+    } cases[] = {
+        {2, UDEV_RET_OK, UDEV_RET_FAIL, 2}, {0, UDEV_RET_SKIP, UDEV_RET_OK, 3}, {0, UDEV_RET_OK, UDEV_RET_OK, 3}};
     for (const auto &c : cases) {
         g_calls = 0;
         g_failAt = c.failAt;
