@@ -63,7 +63,8 @@ TEST(NvmeAdd, RefusedDisksDropTheAdd)
     VendorList vendors{{"QMESH", "NVDISK"}};
     const struct {
         Opt model;  // of the controller
-        std::string hidden, log;
+        std::string hidden;
+        std::string log;  // %s: the node's devNum
     } cases[] = {
         {"QMESH-NVDISK", "1", " dev{%s} filter not support.\n"},
         {"ABCD-EFGH-X1", "0", "strncpy_s vendor{ABCD-EFGH-X1} fail.\n"},
