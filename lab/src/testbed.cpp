@@ -983,6 +983,26 @@ std::optional<std::string> Testbed::Attribute(const std::string &syspath, const 
     return raw->substr(0, raw->find('\n'));
 }
 
+void Testbed::RemoveAttribute(const std::string &syspath, const std::string &name)
+{
+    if (::unlink((Root() + syspath + "/" + name).c_str()) < 0) {
+        throw std::system_error(errno, std::generic_category(), "remove attribute " + syspath + "/" + name);
+    }
+}
+
+void Testbed::RemoveProperty(const std::string &syspath, const std::string &key)
+{
+    std::string file = Root() + syspath + "/uevent";
+    std::istringstream in(ReadFile(file).value_or(""));
+    std::string kept;
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind(key + "=", 0) != 0) {
+            kept += line + "\n";
+        }
+    }
+    WriteFile(file, kept);
+}
+
 void Testbed::SetProperty(const std::string &syspath, const std::string &key, const std::string &value)
 {
     umockdev_testbed_set_property(testbed_, syspath.c_str(), key.c_str(), value.c_str());

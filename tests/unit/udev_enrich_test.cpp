@@ -10,7 +10,7 @@
 
 #include <sys/stat.h>
 
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_enrich.h"
 #include "util_ret.h"
 
@@ -74,10 +74,16 @@ TEST_F(EnrichTest, DeviceNumberFromMajorAndMinor)
         {"8", "16", "8:16"},
         {"4095", "1048575", "4095:1048575"},
     };
+    Testbed bed;
+    unsigned index = 0;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.result);
-        Testbed bed;
-        NodeHolder holder(bed.Device(AddScsiDisk(bed, {.major = c.major, .minor = c.minor}).block));
+        std::string disk = bed.AddBlock({.name = qmlab::SdName(index), .major = 8, .minor = 16 * index}).syspath;
+        ++index;
+        for (const auto &[key, value] : {std::pair{"MAJOR", c.major}, std::pair{"MINOR", c.minor}}) {
+            value ? bed.SetProperty(disk, key, *value) : bed.RemoveProperty(disk, key);
+        }
+        NodeHolder holder(Device(disk));
         LogCapture log;
         if (std::strchr(c.result, '\n') != nullptr) {
             EXPECT_EQ(UDEV_RET_FAIL, UDEV_InitDevt(holder.dev.get(), &holder.node));
@@ -93,22 +99,21 @@ TEST_F(EnrichTest, DeviceNumberFromMajorAndMinor)
 TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
 {
     Testbed bed;
-    std::string sdc = AddScsiDisk(bed).block;
-    ScsiDiskLayout noMinorLayout = LocalLayout();
-    noMinorLayout.minor.reset();
-    std::string noMinor = AddScsiDisk(bed, noMinorLayout).block;
+    std::string sd = bed.AddFcDisk().syspath;
+    std::string noMinor = bed.AddLocalDisk().syspath;
+    bed.RemoveProperty(noMinor, "MINOR");
     const struct {
         std::string path;
         const char *action;  // null: a device not from an event
         const char *log;
     } cases[] = {
-        {sdc, "move", "udev action{move} is not support.\n"},
-        {sdc, nullptr, "get udev action fail.\n"},
+        {sd, "move", "udev action{move} is not support.\n"},
+        {sd, nullptr, "get udev action fail.\n"},
         {noMinor, "add", "get device minor fail.\n"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.log);
-        NodeHolder holder(c.action == nullptr ? bed.Device(c.path) : bed.Event(c.path, c.action));
+        NodeHolder holder(c.action == nullptr ? Device(c.path) : Event(bed, c.path, c.action));
         ASSERT_TRUE(holder.dev);
         LogCapture log;
         EXPECT_EQ(UDEV_RET_FAIL, UDEV_EnrichAndFilterEventNode(&holder.node));

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "support/pipeline_support.h"
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_handle.h"
 #include "udev_log.h"
@@ -143,21 +143,22 @@ const char *TestVlunMajor()
 TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
 {
     const struct {
-        const char *major, *action, *vlunMajor;
+        unsigned major;
+        const char *action, *vlunMajor;
         bool retry, armed;
-    } cases[] = {{"252", "add", "", false, false},        {"252", "add", nullptr, false, false},
-                 {"8", "add", "252", false, false},       {"252", "remove", "252", false, false},
-                 {"252", "change", "252", false, false},  {"252", "add", "252", true, false},
-                 {"252", "add", "252", false, true}};
+    } cases[] = {{252, "add", "", false, false},        {252, "add", nullptr, false, false},
+                 {8, "add", "252", false, false},       {252, "remove", "252", false, false},
+                 {252, "change", "252", false, false},  {252, "add", "252", true, false},
+                 {252, "add", "252", false, true}};
     UDEV_SetVlunMajorForTest(TestVlunMajor);
     Testbed bed;
-    int disk = 0;
+    unsigned disk = 0;
     for (const auto &c : cases) {
         UDEV_ClearActivateLvmRequest();
         g_vlunMajor = c.vlunMajor;
-        std::string sysPath = AddBareBlock(bed, "qmnv" + std::to_string(disk), c.major, std::to_string(disk));
+        BlockDevice qmnv = bed.AddBlock({.name = "qmnv" + std::to_string(disk), .major = c.major, .minor = disk});
         ++disk;
-        UdevDevicePtr device = bed.Event(sysPath, c.action);
+        UdevDevicePtr device = Event(bed, qmnv.syspath, c.action);
         ASSERT_TRUE(device);
         UdevEventNode *node = UDEV_AllocEventNode();
         node->udevDev = device.release();

@@ -19,7 +19,7 @@
 
 #include "support/pipeline_support.h"
 #include "support/trace_capture.h"
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_log.h"
 #include "udev_monitor.h"
@@ -57,9 +57,8 @@ protected:
         return out;
     }
     Testbed bed_;
-    std::string disk_ = AddBareBlock(bed_, "sdm", "8", "192");
-    std::string partition_ =
-        bed_.Add("block", "sdm1", disk_, {}, {{"DEVTYPE", "partition"}, {"MAJOR", "8"}, {"MINOR", "193"}});
+    BlockDevice disk_ = bed_.AddLocalDisk();
+    BlockDevice partition_ = bed_.AddPartition(disk_, 1);
     UdevListHead taken_;
 };
 
@@ -97,15 +96,15 @@ TEST_F(MonitorTest, QueuesDisksButNeverPartitions)
 {
     ASSERT_EQ(UDEV_CreateMonitorThread(), UDEV_RET_OK);
     ASSERT_EQ(UDEV_GetMonitorThreadState(), UDEV_THREAD_RUNNING);
-    bed_.Send(partition_, "add");
-    bed_.Send(disk_, "add");
-    bed_.Send(partition_, "change");
-    bed_.Send(disk_, "remove");
+    ASSERT_EQ(1u, bed_.Emit(partition_.syspath, "add"));
+    ASSERT_EQ(1u, bed_.Emit(disk_.syspath, "add"));
+    ASSERT_EQ(1u, bed_.Emit(partition_.syspath, "change"));
+    ASSERT_EQ(1u, bed_.Emit(disk_.syspath, "remove"));
     ASSERT_TRUE(WaitUntil([&] {
         (void)TakeQueued(&taken_);
         return NodesOf(&taken_).size() >= 2;
     }));
-    EXPECT_EQ(Taken(), (std::vector<std::string>{"add sdm", "remove sdm"}));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"add " + disk_.name, "remove " + disk_.name}));
     UDEV_DestoryMonitorThread();  // cancelled in its poll
     EXPECT_EQ(UDEV_GetMonitorThreadState(), UDEV_THREAD_STOP);
     EXPECT_TRUE(UDEV_IsStop());
@@ -117,12 +116,12 @@ TEST_F(MonitorTest, StopFlagEndsTheLoopAtTheNextEvent)
     UDEV_AddEventList(nullptr);
     uint64_t signals = UDEV_GetEventSignalCountForTest();
     UDEV_SetStop();
-    bed_.Send(disk_, "change");
+    ASSERT_EQ(1u, bed_.Emit(disk_.syspath, "change"));
     // A normal end: the event is queued, then the end's own wake-up.
     ASSERT_TRUE(WaitUntil([] { return UDEV_GetMonitorThreadState() == UDEV_THREAD_STOP; }));
     EXPECT_EQ(UDEV_GetEventSignalCountForTest(), signals + 2);
     ASSERT_TRUE(TakeQueued(&taken_));
-    EXPECT_EQ(Taken(), (std::vector<std::string>{"change sdm"}));
+    EXPECT_EQ(Taken(), (std::vector<std::string>{"change " + disk_.name}));
 }
 
 int ReceiveBufferOf(int fd)
@@ -170,7 +169,7 @@ TEST_F(MonitorTest, ReceiveBufferHoldsABurstOrItsRefusalIsAWarning)
             UdevMonitorPtr monitor(raw);
             if (initialised) {
                 size = ReceiveBufferOf(fd);
-                bed_.Send(disk_, "add");
+                bed_.Emit(disk_.syspath, "add");
                 struct pollfd pollFd = {fd, POLLIN, 0};
                 received = poll(&pollFd, 1, 10000) == 1 && UdevDevicePtr(udev_monitor_receive_device(raw)) != nullptr;
             }

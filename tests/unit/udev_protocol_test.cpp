@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_protocol.h"
 #include "util_ret.h"
 
@@ -26,9 +26,10 @@ TEST(ProtocolInit, SdFirstThenNvmeByPrefixOtherNamesLeaveTheNodeAlone)
         {"nvme0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "}, {"nvme0c0n1", UDEV_PROTOCOL_NVME, "8:0 nvme "},
     };
     Testbed bed;
+    unsigned minor = 0;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        NodeHolder holder(bed.Device(AddBareBlock(bed, c.name)), "8:0", "8:0 ");
+        NodeHolder holder(Device(bed.AddBlock({.name = c.name, .major = 8, .minor = minor++})), "8:0", "8:0 ");
         holder.node.protocol = 7;
         LogCapture log;
         bool known = c.protocol != 7;
@@ -42,11 +43,11 @@ TEST(ProtocolInit, SdFirstThenNvmeByPrefixOtherNamesLeaveTheNodeAlone)
 TEST(ProtocolInit, DevInfoWithoutRoomFailsAfterTheProtocolIsSet)
 {
     Testbed bed;
-    NodeHolder last(bed.Device(AddBareBlock(bed, "sdx")));
+    NodeHolder last(Device(bed.AddBlock({.name = "sdx", .major = 8})));
     std::strcpy(last.node.devInfo, std::string(UDEV_DEVINFO_LEN - 6, 'x').c_str());
     EXPECT_EQ(UDEV_RET_OK, UDEV_ProtocolInit(last.dev.get(), &last.node));  // the word fills the last bytes
 
-    NodeHolder holder(bed.Device(AddBareBlock(bed, "nvme0n1")));
+    NodeHolder holder(Device(bed.AddBlock({.name = "nvme0n1", .major = 259})));
     const std::string filler(UDEV_DEVINFO_LEN - 5, 'x');  // "nvme " needs 6 bytes
     std::strcpy(holder.node.devInfo, filler.c_str());
     LogCapture log;

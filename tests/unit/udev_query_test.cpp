@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_query.h"
 #include "util_ret.h"
 
@@ -91,10 +91,10 @@ TEST(DiskVendorProduct, ScsiAttributesAndNvmeControllerModel)
     const std::vector<std::pair<Kind, QueryCase>> cases = {
         {ScsiVendor, {std::nullopt, UDEV_RET_FAIL, "get vendor id fail.\n", nullptr}},
         {ScsiVendor, {"QUILLMESH", UDEV_RET_FAIL, "sprintf_s vendor{QUILLMESH} fail.\n", nullptr}},
-        {ScsiVendor, {"QUILL   ", UDEV_RET_OK, "QUILL", "MESH-DISK"}},
-        {ScsiVendor, {"HP  CO  ", UDEV_RET_OK, "HP  CO", "MESH-DISK"}},
-        {ScsiVendor, {"\x01\x7f\xfe", UDEV_RET_OK, "\x01\x7f\xfe", "MESH-DISK"}},
-        {ScsiModel, {std::nullopt, UDEV_RET_FAIL, "get product id fail with vendor{QUILL   }.\n", nullptr}},
+        {ScsiVendor, {"QUILL   ", UDEV_RET_OK, "QUILL", "VDISK"}},
+        {ScsiVendor, {"HP  CO  ", UDEV_RET_OK, "HP  CO", "VDISK"}},
+        {ScsiVendor, {"\x01\x7f\xfe", UDEV_RET_OK, "\x01\x7f\xfe", "VDISK"}},
+        {ScsiModel, {std::nullopt, UDEV_RET_FAIL, "get product id fail with vendor{QMESH   }.\n", nullptr}},
         {ScsiModel, {"0123456789ABCDEFG", UDEV_RET_FAIL, "sprintf_s product{0123456789ABCDEFG} fail.\n", nullptr}},
         {NvmeModel, {std::nullopt, UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr}},
         {NvmeModel, {"ABCD-" + std::string(36, 'P'), UDEV_RET_FAIL, "sprintf_s product{model} fail.\n", nullptr}},
@@ -102,12 +102,26 @@ TEST(DiskVendorProduct, ScsiAttributesAndNvmeControllerModel)
         {NvmeModel, {"ABCD-X1", UDEV_RET_OK, "ABCD", "X1"}},
         {NvmeModel, {"QUILL   -MESH1   ", UDEV_RET_OK, "QUILL", "MESH1"}},
     };
+    Testbed bed;
+    int index = 0;
     for (const auto &[kind, c] : cases) {
         SCOPED_TRACE(std::to_string(kind) + " " + c.text.value_or("(missing)"));
-        Testbed bed;
-        UdevDevicePtr dev = kind == ScsiVendor  ? bed.Device(AddScsiDisk(bed, {.vendor = c.text}).scsi)
-                            : kind == ScsiModel ? bed.Device(AddScsiDisk(bed, {.model = c.text}).scsi)
-                                                : bed.Device(AddNvmeDisk(bed, {.model = c.text}));
+        // The SCSI device or NVMe controller that holds the attribute.
+        std::string holder;
+        UdevDevicePtr dev;
+        if (kind == NvmeModel) {
+            qmlab::NvmeController ctrl = bed.AddNvmeController({.instance = index++, .model = c.text.value_or("")});
+            holder = ctrl.syspath;
+            dev = Device(bed.AddNvmeNamespace(ctrl));
+        } else {
+            qmlab::ScsiIdentity id;
+            (kind == ScsiVendor ? id.vendor : id.model) = c.text.value_or("");
+            holder = bed.AddLocalDisk({.lun = index++, .id = id}).scsiDevice;
+            dev = Device(holder);
+        }
+        if (!c.text) {
+            bed.RemoveAttribute(holder, kind == ScsiVendor ? "vendor" : "model");
+        }
         LogCapture log;
         Ids out;
         int ret = kind == NvmeModel ? INTF_UTIL_GetNvmeVendorProduct(dev.get(), out.vendor, 9, out.product, 17)
@@ -115,9 +129,8 @@ TEST(DiskVendorProduct, ScsiAttributesAndNvmeControllerModel)
         ExpectQuery(c, ret, out, log);
     }
 
-    Testbed bed;
-    UdevDevicePtr scsi = bed.Device(AddScsiDisk(bed).scsi);
-    UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "nvme9n1"));
+    UdevDevicePtr scsi = Device(bed.AddLocalDisk({.lun = index}).scsiDevice);
+    UdevDevicePtr orphan = Device(bed.AddBlock({.name = "nvme99n1", .major = 259, .minor = 99}));
     LogCapture log;
     Ids out;
     EXPECT_EQ(UDEV_RET_FAIL, INTF_UTIL_GetScsiVendorProduct(nullptr, out.vendor, 9, out.product, 17));
@@ -133,18 +146,19 @@ TEST(CheckVidPidByBlkudev, RoutesByNameAndSkipsOthers)
 {
     Testbed bed;
     Ids out;
+    unsigned minor = 0;
     for (const char *name : {"sr0", "vda", "dm-0", "loop0"}) {
-        UdevDevicePtr dev = bed.Device(AddBareBlock(bed, name));
+        UdevDevicePtr dev = Device(bed.AddBlock({.name = name, .major = 11, .minor = minor++}));
         EXPECT_EQ(UDEV_RET_SKIP, INTF_UTIL_CheckVidPidByBlkudev(dev.get(), out.vendor, 9, out.product, 17)) << name;
     }
-    UdevDevicePtr orphan = bed.Device(AddBareBlock(bed, "sdq"));
+    UdevDevicePtr orphan = Device(bed.AddBlock({.name = "sdq", .major = 65}));
     EXPECT_EQ(UDEV_RET_NOT_FOUND, INTF_UTIL_CheckVidPidByBlkudev(orphan.get(), out.vendor, 9, out.product, 17));
-    UdevDevicePtr sd = bed.Device(AddScsiDisk(bed).block);
+    UdevDevicePtr sd = Device(bed.AddLocalDisk());
     ASSERT_EQ(UDEV_RET_OK, INTF_UTIL_CheckVidPidByBlkudev(sd.get(), out.vendor, 9, out.product, 17));
-    EXPECT_STREQ("MESH-DISK", out.product);
-    UdevDevicePtr nvme = bed.Device(AddNvmeDisk(bed));
+    EXPECT_STREQ("VDISK", out.product);
+    UdevDevicePtr nvme = Device(bed.AddNvmeNamespace(bed.AddNvmeController()));
     ASSERT_EQ(UDEV_RET_OK, INTF_UTIL_CheckVidPidByBlkudev(nvme.get(), out.vendor, 9, out.product, 17));
-    EXPECT_STREQ("MESH1", out.product);
+    EXPECT_STREQ("NVDISK", out.product);
 }
 
 int g_calls = 0;
@@ -159,8 +173,8 @@ int CountingCallback(struct udev_device *, void *)
 TEST(TraverseSubsysUdev, StopsOnlyOnAFailingCallback)
 {
     Testbed bed;
-    for (const char *name : {"nvme0", "nvme1", "nvme2"}) {
-        bed.Add("nvme", name, "");
+    for (int instance : {0, 1, 2}) {
+        bed.AddNvmeController({.instance = instance});
     }
     UdevPtr udev(udev_new());
     LogCapture log;
@@ -182,31 +196,31 @@ TEST(TraverseSubsysUdev, StopsOnlyOnAFailingCallback)
 }
 
 Testbed *g_bed = nullptr;
+std::vector<std::string> g_controllers;
 std::vector<std::pair<std::string, bool>> g_visits;  // path, had a device
 
 void RemovingCallback(const char *devPath, struct udev_device *dev)
 {
     g_visits.emplace_back(devPath, dev != nullptr);
     if (g_visits.size() == 1) {
-        g_bed->Remove("/sys/devices/nvme1");  // vanishes between enumeration and lookup
+        g_bed->Remove(g_controllers[1]);  // vanishes between enumeration and lookup
     }
 }
 
 TEST(UdevGetDevice, VanishedDeviceReachesTheCallbackWithNull)
 {
     Testbed bed;
-    for (const char *name : {"nvme0", "nvme1", "nvme2"}) {
-        bed.Add("nvme", name, "");
+    for (int instance : {0, 1, 2}) {
+        g_controllers.push_back(bed.AddNvmeController({.instance = instance}).syspath);
     }
     g_bed = &bed;
     LogCapture log;
     EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice(nullptr, RemovingCallback));
     EXPECT_EQ(UDEV_RET_INVALID_PARAM, INTF_UTIL_UdevGetDevice("nvme", nullptr));
     EXPECT_EQ(UDEV_RET_OK, INTF_UTIL_UdevGetDevice("nvme", RemovingCallback));
-    const decltype(g_visits) expected = {
-        {"/sys/devices/nvme0", true}, {"/sys/devices/nvme1", false}, {"/sys/devices/nvme2", true}};
+    const decltype(g_visits) expected = {{g_controllers[0], true}, {g_controllers[1], false}, {g_controllers[2], true}};
     EXPECT_EQ(expected, g_visits);
-    EXPECT_TRUE(log.Has("get device failed devPath:/sys/devices/nvme1.\n"));
+    EXPECT_TRUE(log.Has("get device failed devPath:" + g_controllers[1] + ".\n"));
 }
 
 }  // namespace

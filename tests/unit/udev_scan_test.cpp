@@ -11,7 +11,7 @@
 
 #include "misc_ioctl.h"
 #include "securec.h"
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_list.h"
 #include "udev_scan.h"
@@ -98,21 +98,16 @@ protected:
 TEST_F(ScanTest, BatchHoldsSupportedDisksThenWhatOnlyTheDriverHolds)
 {
     Testbed bed;
-    VendorList vendors{{"QUILL", "MESH-DISK"}};
-    ScsiDiskLayout sda = LocalLayout();
-    sda.minor = "0";
-    std::string disk = AddScsiDisk(bed, sda).block;
-    std::string partition =
-        bed.Add("block", "sda1", disk, {}, {{"DEVTYPE", "partition"}, {"MAJOR", "8"}, {"MINOR", "1"}});
-    AddScsiDisk(bed, {.vendor = "OTHER   "});  // 8:32, unsupported
-    ScsiDiskLayout noNumber = IscsiLayout();
-    noNumber.minor.reset();
-    AddScsiDisk(bed, noNumber);
-    g_driverList = "8:32";
+    VendorList vendors{{"QMESH", "VDISK"}};
+    BlockDevice disk = bed.AddLocalDisk();
+    BlockDevice partition = bed.AddPartition(disk, 1);
+    BlockDevice unsupported = bed.AddFcDisk({.id = {.vendor = "OTHER"}});
+    bed.RemoveProperty(bed.AddIscsiDisk().syspath, "MINOR");  // supported, without a number
+    g_driverList = unsupported.DevNum();
     LogCapture log;
     ASSERT_TRUE(UDEV_Scan());
-    EXPECT_EQ(g_handedOver, (Batch{Add("8:0"), Remove("8:32")}));
-    EXPECT_TRUE(log.Has("the device type{partition} of {" + partition + "} is not suppurted.\n"));
+    EXPECT_EQ(g_handedOver, (Batch{Add(disk.DevNum()), Remove(unsupported.DevNum())}));
+    EXPECT_TRUE(log.Has("the device type{partition} of {" + partition.syspath + "} is not suppurted.\n"));
     EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
 }
 

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "support/udev_testbed.h"
+#include "support/udev_support.h"
 #include "udev_protocol.h"
 #include "udev_timeout.h"
 #include "util_ret.h"
@@ -37,8 +37,8 @@ protected:
 
 TEST_F(TimeoutTest, AttributeThatCannotBeReadOrWrittenFails)
 {
-    std::string dev = bed_.Add("scsi", "9:0:0:0", "", {{"timeout", "60"}});
-    UdevDevicePtr udevDev = bed_.Device(dev);
+    std::string dev = bed_.AddLocalDisk({.id = {.timeout = "60"}}).scsiDevice;
+    UdevDevicePtr udevDev = Device(dev);
     LogCapture log;
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "missing", "30"));
     EXPECT_TRUE(log.Has("get udev device's attr{missing} to val{30} fail.\n"));
@@ -47,7 +47,7 @@ TEST_F(TimeoutTest, AttributeThatCannotBeReadOrWrittenFails)
     ReadOnlyAttr readOnly(bed_, dev, "timeout");
     EXPECT_EQ(UDEV_RET_FAIL, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "timeout", "30"));
     EXPECT_TRUE(log.Has("set udev device's attr{timeout} val{60 to 30} fail. error{13}\n"));
-    EXPECT_EQ("60", bed_.FirstLine(dev, "timeout"));
+    EXPECT_EQ("60", bed_.Attribute(dev, "timeout"));
 }
 
 TEST_F(TimeoutTest, AttributeIsWrittenOnlyWhenItsTextDiffers)
@@ -65,11 +65,11 @@ TEST_F(TimeoutTest, AttributeIsWrittenOnlyWhenItsTextDiffers)
         {std::string(32, '8'), "5", "sprintf_s value{" + std::string(32, '8') + "}.\n"},
         {std::string(40, '8'), "5", "set udev device's attr{timeout} val{ to 5} success.\n"},
     };
-    int index = 0;
+    int lun = 0;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.log);
-        std::string dev = bed_.Add("scsi", "9:0:0:" + std::to_string(index++), "", {{"timeout", c.current}});
-        UdevDevicePtr udevDev = bed_.Device(dev);
+        std::string dev = bed_.AddLocalDisk({.lun = lun++, .id = {.timeout = c.current}}).scsiDevice;
+        UdevDevicePtr udevDev = Device(dev);
         // Equal texts must not even try: the attribute refuses writes then.
         std::optional<ReadOnlyAttr> readOnly;
         if (c.current == c.wanted) {
@@ -77,14 +77,15 @@ TEST_F(TimeoutTest, AttributeIsWrittenOnlyWhenItsTextDiffers)
         }
         LogCapture log;
         EXPECT_EQ(UDEV_RET_OK, UDEV_SetUdevDeviceAttrVal(udevDev.get(), "timeout", c.wanted));
-        EXPECT_EQ(c.wanted, bed_.FirstLine(dev, "timeout"));
+        ASSERT_TRUE(bed_.SyncAttributeWrites());  // the write is whole, as sysfs takes it
+        EXPECT_EQ(c.wanted, bed_.Attribute(dev, "timeout"));
         EXPECT_TRUE(log.Has(c.log));
     }
 }
 
 TEST_F(TimeoutTest, VanishedSessionOrDeviceIsLogged)
 {
-    AddScsiDisk(bed_, IscsiLayout());
+    bed_.AddIscsiDisk();  // session5, 3:0:0:1
     NodeHolder noSession = Node(UDEV_TRANSPORT_ISCSI, 9);
     NodeHolder noLun = Node();
     noLun.node.lun = 9;

@@ -156,6 +156,13 @@ public:
                                           const NvmeNamespaceSpec &spec = {});
     // nvme<X>c<C>n<Y>, hidden = "1", under its controller.
     BlockDevice AddNvmePathDevice(const NvmeController &ctrl, int pathIndex, const NvmeNamespaceSpec &spec = {});
+    // Any device, for topologies the kinds above never make (odd names,
+    // attributes of one's own choosing); AddDevice's empty parent is
+    // /sys/devices. AddBareDevice's device has no subsystem, as an FC
+    // remote port.
+    std::string AddDevice(const std::string &subsystem, const std::string &name, const std::string &parent,
+                          const Attributes &attributes, const Attributes &properties);
+    std::string AddBareDevice(const std::string &name, const std::string &parent);
 
     // Removes the device (and its class links) from the tree; no event.
     void Remove(const std::string &syspath);
@@ -168,6 +175,9 @@ public:
     std::optional<std::string> Attribute(const std::string &syspath, const std::string &name) const;
     std::optional<std::string> RawAttribute(const std::string &syspath, const std::string &name) const;
     void SetProperty(const std::string &syspath, const std::string &key, const std::string &value);
+    // A device without the attribute or property (vendor, model, MAJOR...).
+    void RemoveAttribute(const std::string &syspath, const std::string &name);
+    void RemoveProperty(const std::string &syspath, const std::string &key);
     // Writes into the time-out attributes since the testbed was made (the
     // lab's own SetAttribute calls excluded). Sysfs takes a write whole; a
     // testbed file does not, so after each write the file is cut back to
@@ -208,9 +218,6 @@ public:
     bool WaitFirstOpen(Clock::duration timeout) const;
 
 private:
-    std::string AddDevice(const std::string &subsystem, const std::string &name, const std::string &parent,
-                          const Attributes &attributes, const Attributes &properties);
-    std::string AddBareDevice(const std::string &name, const std::string &parent);
     std::string EnsurePciFunction(int slot);
     std::string EnsureHost(int host, const std::string &parent);
     std::string EnsureFcPort(int host, int channel, int port, const FcDiskSpec &spec);
