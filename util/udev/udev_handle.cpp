@@ -47,11 +47,7 @@
 
 namespace {
 
-std::atomic<int> g_handleState{UDEV_THREAD_INIT};
-// The thread handle is touched only by the creator and destroyer (main
-// thread); g_handleThreadLive says whether there is a thread to cancel.
-pthread_t g_handleThread;
-bool g_handleThreadLive = false;
+UdevWorker g_handle;
 
 std::atomic<UdevVlunMajorFn> g_vlunMajorSource{nullptr};
 
@@ -220,7 +216,7 @@ void UDEV_DispatchWorkingList(UdevListHead *list)
 
 int UDEV_HandleWait()
 {
-    g_handleState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
+    g_handle.state.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     while (!UDEV_IsStop()) {
         if (!UDEV_WaitAndTakeEvents(UDEV_GetWorkingList())) {
             MPI_Log(MPI_LOG_DEBUG, "%s\n", "udev handle thread running......");
@@ -246,8 +242,8 @@ void *UDEV_HandleThr(void * /* arg */)
     UDEV_DisableCancel();
     // Publishes UDEV_THREAD_STOP as the very last step, on a normal end and
     // on cancellation alike.
-    UdevThreadStopGuard stopOnExit(g_handleState);
-    g_handleState.store(UDEV_THREAD_START, std::memory_order_release);
+    UdevThreadStopGuard stopOnExit(g_handle.state);
+    g_handle.state.store(UDEV_THREAD_START, std::memory_order_release);
     (void)UDEV_HandleWait();
     MPI_Log(MPI_LOG_ERROR, "%s\n", "udev handle thread run failed.");
     UDEV_SetStop();  // the daemon does not run on without its handler
@@ -256,21 +252,16 @@ void *UDEV_HandleThr(void * /* arg */)
 
 int UDEV_CreateHandleThread()
 {
-    g_handleState.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
-    int err = pthread_create(&g_handleThread, nullptr, UDEV_HandleThr, nullptr);
-    if (err != 0) {
-        MPI_Log(MPI_LOG_ERROR, "failed to create qmudev handle thread: %s\n", strerror(err));
-        return UDEV_RET_FAIL;
+    int err = 0;
+    switch (UDEV_StartWorker(g_handle, UDEV_HandleThr, &err)) {
+        case UdevStartResult::STARTED:
+            return UDEV_RET_OK;
+        case UdevStartResult::CREATE_FAILED:
+            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev handle thread: %s\n", strerror(err));
+            return UDEV_RET_FAIL;
+        case UdevStartResult::START_TIMEOUT:
+            break;
     }
-    g_handleThreadLive = true;
-    // A thread that already ended counts as started; its end has set the
-    // stop flag, which brings the daemon down anyway.
-    if (UDEV_WaitThreadState(g_handleState, true)) {
-        return UDEV_RET_OK;
-    }
-    (void)pthread_cancel(g_handleThread);
-    (void)pthread_detach(g_handleThread);
-    g_handleThreadLive = false;
     MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev handle thread success but wait run timeout.");
     return UDEV_RET_FAIL;
 }
@@ -284,22 +275,18 @@ int UDEV_CreateHandleThread()
 void UDEV_DestoryHandleThread()
 {
     UDEV_SetStop();
-    if (!g_handleThreadLive) {
+    if (!g_handle.live) {
         return;
     }
     UDEV_SignalEventList();
-    (void)pthread_cancel(g_handleThread);
-    if (!UDEV_WaitThreadState(g_handleState, false)) {
-        (void)pthread_cancel(g_handleThread);
+    if (!UDEV_StopWorker(g_handle, true)) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev handle thread wait stop timeout.");
     }
-    (void)pthread_detach(g_handleThread);
-    g_handleThreadLive = false;
 }
 
 int UDEV_GetHandleThreadState()
 {
-    return g_handleState.load(std::memory_order_acquire);
+    return g_handle.state.load(std::memory_order_acquire);
 }
 
 void UDEV_SetVlunMajorForTest(UdevVlunMajorFn source)

@@ -33,10 +33,7 @@ namespace {
 
 std::atomic<uint8_t> g_lvmRequest{0};
 std::atomic<unsigned> g_lvmTicks{0};
-std::atomic<int> g_lvmThreadState{UDEV_THREAD_INIT};
-// Touched only by the creator and destroyer (main thread).
-pthread_t g_lvmThread;
-bool g_lvmThreadLive = false;
+UdevWorker g_lvmWorker;
 
 std::atomic<const char *> g_lvmCommand{nullptr};
 
@@ -113,8 +110,8 @@ void *UDEV_ActivateLvmThr(void * /* arg */)
 {
     UDEV_DisableCancel();
     // Cancelled in sleep or system, the thread still reports its end.
-    UdevThreadStopGuard stopOnExit(g_lvmThreadState);
-    g_lvmThreadState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
+    UdevThreadStopGuard stopOnExit(g_lvmWorker.state);
+    g_lvmWorker.state.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     int retryCount = 0;
     while (!UDEV_IsStop()) {
         (void)UDEV_ActivateLvmCheck(&retryCount);
@@ -128,19 +125,16 @@ void *UDEV_ActivateLvmThr(void * /* arg */)
 
 int UDEV_CreateActivateLvm()
 {
-    g_lvmThreadState.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
-    int err = pthread_create(&g_lvmThread, nullptr, UDEV_ActivateLvmThr, nullptr);
-    if (err != 0) {
-        MPI_Log(MPI_LOG_ERROR, "failed to create activate Lvm thread: %s\n", strerror(err));
-        return UDEV_RET_FAIL;
+    int err = 0;
+    switch (UDEV_StartWorker(g_lvmWorker, UDEV_ActivateLvmThr, &err)) {
+        case UdevStartResult::STARTED:
+            return UDEV_RET_OK;
+        case UdevStartResult::CREATE_FAILED:
+            MPI_Log(MPI_LOG_ERROR, "failed to create activate Lvm thread: %s\n", strerror(err));
+            return UDEV_RET_FAIL;
+        case UdevStartResult::START_TIMEOUT:
+            break;
     }
-    g_lvmThreadLive = true;
-    if (UDEV_WaitThreadState(g_lvmThreadState, true)) {
-        return UDEV_RET_OK;
-    }
-    (void)pthread_cancel(g_lvmThread);
-    (void)pthread_detach(g_lvmThread);
-    g_lvmThreadLive = false;
     MPI_Log(MPI_LOG_ERROR, "%s\n", "create activate Lvm thread success but wait run timeout.");
     return UDEV_RET_FAIL;
 }
@@ -151,17 +145,12 @@ int UDEV_CreateActivateLvm()
 void UDEV_DestoryActivateLvm()
 {
     UDEV_SetStop();
-    if (!g_lvmThreadLive) {
-        return;
-    }
-    (void)pthread_cancel(g_lvmThread);
-    (void)pthread_detach(g_lvmThread);
-    g_lvmThreadLive = false;
+    (void)UDEV_StopWorker(g_lvmWorker, false);
 }
 
 int UDEV_GetActivateLvmState()
 {
-    return g_lvmThreadState.load(std::memory_order_acquire);
+    return g_lvmWorker.state.load(std::memory_order_acquire);
 }
 
 void UDEV_SetLvmCommandForTest(const char *command)

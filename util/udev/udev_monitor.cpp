@@ -30,10 +30,7 @@
 
 namespace {
 
-std::atomic<int> g_monitorState{UDEV_THREAD_INIT};
-// Touched only by the creator and destroyer (main thread).
-pthread_t g_monitorThread;
-bool g_monitorThreadLive = false;
+UdevWorker g_monitor;
 
 }  // namespace
 
@@ -147,7 +144,7 @@ int UDEV_Listen()
         return 0;
     }
     MPI_Log(MPI_LOG_INFO, "%s\n", "start monitor udev event.");
-    g_monitorState.store(UDEV_THREAD_RUNNING, std::memory_order_release);
+    g_monitor.state.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     while (!UDEV_IsStop()) {
         if (UDEV_WaitAndSendEvent(monitorFd, kernelMonitor.get()) == UDEV_RET_FAIL) {
             MPI_Log(MPI_LOG_ERROR, "%s\n", "udev event monitor failed.");
@@ -163,8 +160,8 @@ void *UDEV_MonitorThr(void * /* arg */)
     UDEV_DisableCancel();
     // Publishes UDEV_THREAD_STOP as the very last step, on a normal end and
     // on cancellation alike.
-    UdevThreadStopGuard stopOnExit(g_monitorState);
-    g_monitorState.store(UDEV_THREAD_START, std::memory_order_release);
+    UdevThreadStopGuard stopOnExit(g_monitor.state);
+    g_monitor.state.store(UDEV_THREAD_START, std::memory_order_release);
     (void)UDEV_Listen();
     MPI_Log(MPI_LOG_ERROR, "%s\n", "udev event monitor thread stop running.");
     UDEV_SetStop();
@@ -174,21 +171,18 @@ void *UDEV_MonitorThr(void * /* arg */)
 
 int UDEV_CreateMonitorThread()
 {
-    g_monitorState.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
-    int err = pthread_create(&g_monitorThread, nullptr, UDEV_MonitorThr, nullptr);
-    if (err != 0) {
-        MPI_Log(MPI_LOG_ERROR, "failed to create qmudev monitor thread: %s\n", strerror(err));
-        return UDEV_RET_FAIL;
-    }
-    g_monitorThreadLive = true;
+    int err = 0;
     // A thread whose set-up failed has already ended (and set the stop
     // flag): that still counts as started.
-    if (UDEV_WaitThreadState(g_monitorState, true)) {
-        return UDEV_RET_OK;
+    switch (UDEV_StartWorker(g_monitor, UDEV_MonitorThr, &err)) {
+        case UdevStartResult::STARTED:
+            return UDEV_RET_OK;
+        case UdevStartResult::CREATE_FAILED:
+            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev monitor thread: %s\n", strerror(err));
+            return UDEV_RET_FAIL;
+        case UdevStartResult::START_TIMEOUT:
+            break;
     }
-    (void)pthread_cancel(g_monitorThread);
-    (void)pthread_detach(g_monitorThread);
-    g_monitorThreadLive = false;
     MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev monitor thread success but wait run timeout.");
     return UDEV_RET_FAIL;
 }
@@ -199,19 +193,12 @@ int UDEV_CreateMonitorThread()
 void UDEV_DestoryMonitorThread()
 {
     UDEV_SetStop();
-    if (!g_monitorThreadLive) {
-        return;
-    }
-    (void)pthread_cancel(g_monitorThread);
-    if (!UDEV_WaitThreadState(g_monitorState, false)) {
-        (void)pthread_cancel(g_monitorThread);
+    if (!UDEV_StopWorker(g_monitor, true)) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev monitor thread wait stop timeout.");
     }
-    (void)pthread_detach(g_monitorThread);
-    g_monitorThreadLive = false;
 }
 
 int UDEV_GetMonitorThreadState()
 {
-    return g_monitorState.load(std::memory_order_acquire);
+    return g_monitor.state.load(std::memory_order_acquire);
 }

@@ -48,3 +48,35 @@ void UDEV_DisableCancel()
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
+
+UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err)
+{
+    worker.state.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
+    *err = pthread_create(&worker.thread, nullptr, run, nullptr);
+    if (*err != 0) {
+        return UdevStartResult::CREATE_FAILED;
+    }
+    worker.live = true;
+    if (UDEV_WaitThreadState(worker.state, true)) {
+        return UdevStartResult::STARTED;
+    }
+    (void)pthread_cancel(worker.thread);
+    (void)pthread_detach(worker.thread);
+    worker.live = false;
+    return UdevStartResult::START_TIMEOUT;
+}
+
+bool UDEV_StopWorker(UdevWorker &worker, bool waitStop)
+{
+    if (!worker.live) {
+        return true;
+    }
+    (void)pthread_cancel(worker.thread);
+    bool stopped = !waitStop || UDEV_WaitThreadState(worker.state, false);
+    if (!stopped) {
+        (void)pthread_cancel(worker.thread);
+    }
+    (void)pthread_detach(worker.thread);
+    worker.live = false;
+    return stopped;
+}

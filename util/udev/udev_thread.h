@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include <pthread.h>
+
 constexpr int UDEV_THREAD_INIT = 0;
 constexpr int UDEV_THREAD_START = 1;
 constexpr int UDEV_THREAD_RUNNING = 2;
@@ -19,6 +21,28 @@ constexpr unsigned UDEV_THREAD_WAIT_USEC = 100000;
 // destroyer that saw UDEV_THREAD_STOP also sees everything the thread wrote
 // before (the working list, the nodes), so it may reuse or free them.
 bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning);
+
+// One worker thread as its module owns it. `state` is published by the
+// thread (release) and read by anyone (acquire); `thread` and `live` are
+// touched only by the creator and the destroyer, both on the main thread.
+struct UdevWorker {
+    std::atomic<int> state{UDEV_THREAD_INIT};
+    pthread_t thread{};
+    bool live = false;  // a thread we still have to cancel and detach
+};
+
+enum class UdevStartResult { STARTED, CREATE_FAILED, START_TIMEOUT };
+
+// Creates the thread and waits until it runs (or has already ended: its
+// end has set the stop flag, which brings the daemon down anyway). A thread
+// that does not start in time is cancelled and detached. On CREATE_FAILED,
+// *err holds pthread_create's error. The caller logs its own message.
+UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err);
+
+// Cancels a live worker, then (waitStop) waits for its UDEV_THREAD_STOP,
+// cancelling once more when the wait times out, and detaches it: workers are
+// never joined. Returns false only when the wait timed out.
+bool UDEV_StopWorker(UdevWorker &worker, bool waitStop);
 
 // Worker threads run with cancellation disabled and enable it only around
 // the call that blocks (condition wait, poll, sleep, system), so that a
