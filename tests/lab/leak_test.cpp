@@ -12,11 +12,10 @@
 // at all. In the plain and TSan builds the same scenario checks the
 // orderly end itself (and, under TSan, the tear-down's memory accesses).
 //
-// The daemon's clock is not sped up here: under libfaketime the sanitizer
-// runtime's symbolizer aborts the daemon ("The futex facility returned an
-// unexpected error code.") instead of printing its report. Wake-ups of the
-// handle thread lost while it was busy are made up for by harmless events
-// (a loop device's change, dropped by the daemon).
+// The daemon's clock is not sped up here: nothing in the scenario waits for
+// the two-minute retry. Wake-ups of the handle thread lost while it was busy
+// are made up for by harmless events (a loop device's change, dropped by the
+// daemon).
 #include <cerrno>
 #include <fstream>
 #include <iterator>
