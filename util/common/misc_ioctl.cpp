@@ -117,10 +117,8 @@ const char *g_miscDevicePath = MISC_DEVICE_PATH;
 
 int INTF_UTIL_MiscIoctlInitAt(const char *path)
 {
-    const char *saved = std::exchange(g_miscDevicePath, path);
-    int ret = INTF_UTIL_MiscIoctlInit();
-    g_miscDevicePath = saved;
-    return ret;
+    ScopedValue<const char *> at(g_miscDevicePath, path);
+    return INTF_UTIL_MiscIoctlInit();
 }
 
 int INTF_UTIL_MiscIoctlInit()

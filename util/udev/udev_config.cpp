@@ -246,10 +246,8 @@ const char *g_vendorConfigPath = UDEV_VENDOR_CONFIG_PATH;
 bool UDEV_InitConfigFromPath(const char *path)
 {
     MPI_AssertNotNull(path);
-    const char *saved = std::exchange(g_vendorConfigPath, path);
-    bool ret = UDEV_InitConfig();
-    g_vendorConfigPath = saved;
-    return ret;
+    ScopedValue<const char *> at(g_vendorConfigPath, path);
+    return UDEV_InitConfig();
 }
 
 bool UDEV_InitConfig()

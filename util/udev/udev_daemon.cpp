@@ -154,10 +154,8 @@ const char *g_pidFilePath = UDEV_PID_FILE;
 
 bool UDEV_CheckRunningAt(const char *path)
 {
-    const char *saved = std::exchange(g_pidFilePath, path);
-    bool ret = UDEV_CheckRunning();
-    g_pidFilePath = saved;
-    return ret;
+    ScopedValue<const char *> at(g_pidFilePath, path);
+    return UDEV_CheckRunning();
 }
 
 bool UDEV_CheckRunning()

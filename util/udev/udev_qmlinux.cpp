@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "mpi_usr_if.h"
+#include "raii.h"
 #include "read_line.h"
 #include "securec.h"
 #include "udev_config.h"
@@ -128,10 +129,8 @@ const char *g_qmLinuxConfigPath = UDEV_QMLINUX_CONFIG_PATH;
 
 int UDEV_InitQmLinuxConfigFromPath(const char *path)
 {
-    const char *saved = std::exchange(g_qmLinuxConfigPath, path);
-    int ret = UDEV_InitQmLinuxConfig();
-    g_qmLinuxConfigPath = saved;
-    return ret;
+    ScopedValue<const char *> at(g_qmLinuxConfigPath, path);
+    return UDEV_InitQmLinuxConfig();
 }
 
 int UDEV_InitQmLinuxConfig()
