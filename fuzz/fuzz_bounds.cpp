@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -261,6 +262,15 @@ struct StrSetup {
     size_t sOff = 0;
     char *dest = nullptr;
     const char *src = nullptr;
+    std::unique_ptr<HeapSrc> heap;  // the heap source's exact block, for srcKind 2
+
+    void SetHeapSource(const std::string &content)
+    {
+        heap = std::make_unique<HeapSrc>(content);
+        if (srcKind == 2) {
+            src = reinterpret_cast<const char *>(heap->p);
+        }
+    }
 };
 
 void SetupStr(FuzzedDataProvider &fdp, unsigned char *arena, StrSetup &s)
@@ -292,12 +302,7 @@ void FuzzStrcpy(FuzzedDataProvider &fdp, unsigned char *arena, Call &call)
 {
     StrSetup s;
     SetupStr(fdp, arena, s);
-    std::string content = fdp.ConsumeRandomLengthString(kArena + 16);
-    content.push_back('\0');
-    HeapSrc heap(content);
-    if (s.srcKind == 2) {
-        s.src = reinterpret_cast<const char *>(heap.p);
-    }
+    s.SetHeapSource(fdp.ConsumeRandomLengthString(kArena + 16) + '\0');
     call.desc = StrDesc("strcpy_s", s) + ")";
     const auto &orig = call.orig;
     std::vector<Outcome> ok;
@@ -349,10 +354,7 @@ void FuzzStrncpy(FuzzedDataProvider &fdp, unsigned char *arena, Call &call)
     if (terminated) {
         content.push_back('\0');
     }
-    HeapSrc heap(content);
-    if (s.srcKind == 2) {
-        s.src = reinterpret_cast<const char *>(heap.p);
-    }
+    s.SetHeapSource(content);
     call.desc = StrDesc("strncpy_s", s, s.srcKind == 2 ? content.size() : SIZE_MAX);
     if (s.srcKind == 2 && !terminated) {
         call.desc += " (unterminated, " + std::to_string(content.size()) + " bytes)";
@@ -432,12 +434,7 @@ void FuzzStrcat(FuzzedDataProvider &fdp, unsigned char *arena, Call &call)
 {
     StrSetup s;
     SetupStr(fdp, arena, s);
-    std::string content = fdp.ConsumeRandomLengthString(kArena + 16);
-    content.push_back('\0');
-    HeapSrc heap(content);
-    if (s.srcKind == 2) {
-        s.src = reinterpret_cast<const char *>(heap.p);
-    }
+    s.SetHeapSource(fdp.ConsumeRandomLengthString(kArena + 16) + '\0');
     call.desc = StrDesc("strcat_s", s);
     const auto &orig = call.orig;
     std::vector<Outcome> ok;
