@@ -246,6 +246,12 @@ void DriverEmulator::SetDeviceListText(std::string text)
     deviceList_ = std::move(text);
 }
 
+void DriverEmulator::SetDelay(DriverOp op, Clock::duration delay)
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    delay_[op] = delay;
+}
+
 void DriverEmulator::Hold(DriverOp op)
 {
     std::lock_guard<std::mutex> lock(mu_);
@@ -384,7 +390,7 @@ void DriverEmulator::Run()
         for (const auto &p : held_) {
             fds.push_back({p.fd, POLLIN, 0});  // readable only when the caller went away
         }
-        int n = ::poll(fds.data(), fds.size(), -1);
+        int n = ::poll(fds.data(), fds.size(), PollTimeoutMs());
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
@@ -412,10 +418,13 @@ void DriverEmulator::Run()
             int fd = fds[i].fd;
             auto it = std::find_if(held_.begin(), held_.end(), [fd](const Pending &p) { return p.fd == fd; });
             if (it != held_.end()) {
+                bool delayed = it->due.has_value();
                 ::close(it->fd);
                 held_.erase(it);
                 std::lock_guard<std::mutex> lock(mu_);
-                --heldCount_;
+                if (!delayed) {
+                    --heldCount_;
+                }
                 cv_.notify_all();
             }
         }
@@ -423,7 +432,7 @@ void DriverEmulator::Run()
             std::deque<Pending> answering;
             std::deque<Pending> still;
             for (auto &p : held_) {
-                bool chosen = release || std::find(releaseOps.begin(), releaseOps.end(), p.op) != releaseOps.end();
+                bool chosen = !p.due && (release || std::find(releaseOps.begin(), releaseOps.end(), p.op) != releaseOps.end());
                 (chosen ? answering : still).push_back(std::move(p));
             }
             held_.swap(still);
@@ -432,6 +441,7 @@ void DriverEmulator::Run()
                 ::close(p.fd);
             }
         }
+        AnswerDue();
         for (size_t i = 2; i < heldBase; ++i) {
             if (fds[i].revents == 0) {
                 continue;
@@ -475,6 +485,37 @@ void DriverEmulator::Run()
         ::close(fd);
     }
     sessions_.clear();
+}
+
+int DriverEmulator::PollTimeoutMs() const
+{
+    std::optional<Clock::time_point> first;
+    for (const auto &p : held_) {
+        if (p.due && (!first || *p.due < *first)) {
+            first = p.due;
+        }
+    }
+    if (!first) {
+        return -1;
+    }
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+// Delayed requests whose time has come, in arrival order.
+void DriverEmulator::AnswerDue()
+{
+    auto now = Clock::now();
+    std::deque<Pending> still;
+    for (auto &p : held_) {
+        if (p.due && *p.due <= now) {
+            Answer(p, /*wasHeld=*/false);
+            ::close(p.fd);
+        } else {
+            still.push_back(std::move(p));
+        }
+    }
+    held_.swap(still);
 }
 
 void DriverEmulator::ServeConnection(int fd)
@@ -558,6 +599,9 @@ void DriverEmulator::ServeConnection(int fd)
         if (hold) {
             ++heldCount_;
             cv_.notify_all();
+        } else if (auto d = delay_.find(pending.op); d != delay_.end() && d->second > Clock::duration::zero()) {
+            pending.due = Clock::now() + d->second;
+            hold = true;
         }
     }
     // Cleared from the descriptor: a held caller may wait for a long time.

@@ -4,6 +4,7 @@
 #include "udev_daemon.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -27,6 +28,7 @@
 #include "udev_qmlinux.h"
 #include "udev_sanboot.h"
 #include "udev_scan.h"
+#include "udev_thread.h"
 #include "util_ret.h"
 
 namespace {
@@ -81,6 +83,19 @@ void RunMainLoop()
     }
 }
 
+// After a shutdown that left a worker running, the process ends without
+// running static destructors: they would tear down objects (the protocol
+// layer's udev context) under a thread that may still use them. The status
+// is the same either way.
+int UDEV_EndProcess(int status)
+{
+    if (UDEV_WorkerMayStillRun()) {
+        std::fflush(nullptr);
+        std::quick_exit(status);
+    }
+    return status;
+}
+
 void ForkAndLeaveParent()
 {
     pid_t pid = ::fork();
@@ -109,11 +124,11 @@ int UDEV_Main(int argc, char *argv[])
         MPI_Log(MPI_LOG_ERROR, "%s\n", "synchronization physical device failed.");
         UDEV_SetStop();
         UDEV_Shutdown();
-        return UDEV_EXIT_FAIL;
+        return UDEV_EndProcess(UDEV_EXIT_FAIL);
     }
     RunMainLoop();
     UDEV_Shutdown();
-    return 0;
+    return UDEV_EndProcess(0);
 }
 
 bool UDEV_Init()
@@ -225,12 +240,31 @@ void UDEV_DestroyThreads()
     UDEV_DestoryMonitorThread();
 }
 
+// Release order: configuration, event list (its nodes, condition variable
+// and mutex, then the protocol layer's udev context), misc device.
+// Who may touch what while a worker runs:
+//  - handle thread: the vendor list and the time-out settings, the event
+//    list and its lock, the protocol layer's udev context, the misc device
+//    descriptor, the LVM request flags;
+//  - monitor thread: the event list and its lock (appends), its own udev
+//    context and monitor;
+//  - LVM thread: the LVM request flags and the trace file only.
+// The LVM thread is never waited for and needs nothing of what is released.
+// If the wait for the handle or the monitor thread timed out, that thread
+// may still be inside a call (an ioctl the driver never answers) and come
+// back to any of its objects: then nothing is released, the process ends
+// with everything in place (UDEV_EndProcess).
 void UDEV_Shutdown()
 {
     UDEV_DestroyThreads();
-    UDEV_ReleaseConfig();
-    UDEV_ReleaseEventList();
-    INTF_UTIL_MiscIoctlClose();
+    if (UDEV_WorkerMayStillRun()) {
+        MPI_Log(MPI_LOG_ERROR, "%s\n",
+                "worker thread still running, configuration, event list and misc device left to the end of the process.");
+    } else {
+        UDEV_ReleaseConfig();
+        UDEV_ReleaseEventList();
+        INTF_UTIL_MiscIoctlClose();
+    }
     NotifyShutdown();
 }
 

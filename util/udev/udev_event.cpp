@@ -83,6 +83,11 @@ bool UDEV_IsRemoveSuccess(int ret)
 
 void UDEV_RunAddFinish(UdevEventNode *udevEvent)
 {
+    // A stop that came while the add was with the driver skips the time-out
+    // writes: the daemon is going down and the walk ends here.
+    if (UDEV_IsStop()) {
+        return;
+    }
     UdevAddFinishFn finish = g_addFinish.load(std::memory_order_relaxed);
     if (finish != nullptr) {
         finish(udevEvent->protocol, udevEvent);

@@ -11,6 +11,12 @@
 //     enrichment; a node that enrichment rejects is deleted.
 //  2. The whole list in order: supersession, retry wait, dispatch, then
 //     retry marking or delete.
+// Both passes end at the stop flag, looked at before each node: after a
+// stop at most the request already in flight completes (see
+// UDEV_RunAddFinish for its time-out writes), so a long walk never outlives
+// the destroyer's wait and never reaches into what the shutdown releases.
+// Nodes left on the working list stay there to the end of the process.
+//
 // Each node keeps its own order of steps; only the interleaving across
 // nodes differs from a single pass. It has to: supersession compares device
 // numbers and actions, and a node that is not enriched yet has neither, so
@@ -171,7 +177,7 @@ private:
 void UDEV_PrepareNewEvents(UdevListHead *list)
 {
     UdevListHead *next = nullptr;
-    for (UdevListHead *pos = list->next; pos != list; pos = next) {
+    for (UdevListHead *pos = list->next; pos != list && !UDEV_IsStop(); pos = next) {
         next = pos->next;
         UdevEventNode *eventNode = UDEV_NodeOf(pos);
         if (eventNode->isRetry == 1) {
@@ -192,7 +198,7 @@ void UDEV_DispatchWorkingList(UdevListHead *list)
 {
     SupersedeIndex index(list);
     UdevListHead *next = nullptr;
-    for (UdevListHead *pos = list->next; pos != list; pos = next) {
+    for (UdevListHead *pos = list->next; pos != list && !UDEV_IsStop(); pos = next) {
         next = pos->next;
         UdevEventNode *eventNode = UDEV_NodeOf(pos);
         if (index.IsSuperseded(eventNode)) {

@@ -18,6 +18,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+namespace {
+
+// Set by the initial thread only (the destroyers), read by it too.
+bool g_workerAdrift = false;
+
+}  // namespace
+
 bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning)
 {
     // One look, then up to UDEV_THREAD_WAIT_TURNS sleeps of 100 ms each
@@ -75,8 +82,14 @@ bool UDEV_StopWorker(UdevWorker &worker, bool waitStop)
     bool stopped = !waitStop || UDEV_WaitThreadState(worker.state, false);
     if (!stopped) {
         (void)pthread_cancel(worker.thread);
+        g_workerAdrift = true;
     }
     (void)pthread_detach(worker.thread);
     worker.live = false;
     return stopped;
+}
+
+bool UDEV_WorkerMayStillRun()
+{
+    return g_workerAdrift;
 }

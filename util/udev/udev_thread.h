@@ -41,8 +41,14 @@ UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *
 
 // Cancels a live worker, then (waitStop) waits for its UDEV_THREAD_STOP,
 // cancelling once more when the wait times out, and detaches it: workers are
-// never joined. Returns false only when the wait timed out.
+// never joined. Returns false only when the wait timed out; the worker may
+// then still run, and UDEV_WorkerMayStillRun says so from then on.
 bool UDEV_StopWorker(UdevWorker &worker, bool waitStop);
+
+// True once a stop wait has timed out: a worker that was told to stop may
+// still be inside a call (an ioctl the driver does not answer) and use
+// whatever it was using. Read by the shutdown on the initial thread.
+bool UDEV_WorkerMayStillRun();
 
 // Worker threads run with cancellation disabled and enable it only around
 // the call that blocks (condition wait, poll, sleep, system), so that a

@@ -108,6 +108,9 @@ public:
     // Stops holding `op` alone (a HoldAll stays) and answers its held
     // requests in arrival order; the other holds go on.
     void Release(DriverOp op);
+    // Requests of `op` are answered `delay` after they arrive, as by a slow
+    // driver (zero: at once). A hold takes precedence.
+    void SetDelay(DriverOp op, Clock::duration delay);
 
     // --- Observation. ------------------------------------------------------
     std::vector<DriverRequest> Requests() const;
@@ -130,9 +133,12 @@ private:
         std::string devNum;
         bool hasRecord = false;
         uint32_t bufLen = 0;
+        std::optional<Clock::time_point> due;  // delayed, not held: answer then
     };
     // Server thread only.
     void Run();
+    int PollTimeoutMs() const;
+    void AnswerDue();
     void ServeConnection(int fd);
     void Answer(const Pending &pending, bool wasHeld);
     // mu_ held.
@@ -158,6 +164,7 @@ private:
     std::string deviceList_;
     bool holdAll_ = false;
     std::map<DriverOp, bool> hold_;
+    std::map<DriverOp, Clock::duration> delay_;
     bool releaseWanted_ = false;
     std::vector<DriverOp> releaseOps_;  // Release(op) calls not yet served
     std::vector<DriverRequest> log_;
