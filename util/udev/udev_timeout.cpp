@@ -1,6 +1,7 @@
 // Transport time-outs written after the driver accepted a SCSI disk. The
 // values belong to the time-out settings module; the devices are looked up
-// in the protocol layer's context and owned here only for one write.
+// in the protocol layer's context and owned by a plan for one write. The
+// plan only reads, so the administrator's tool shows it with the same code.
 #include "udev_timeout.h"
 
 #include <cstring>
@@ -17,22 +18,7 @@
 
 namespace {
 
-constexpr size_t TIMEOUT_NAME_LEN = 64;
-constexpr uint32_t TIMEOUT_VALUE_LEN = 16;
 constexpr size_t TIMEOUT_ATTR_COPY_LEN = 32;
-
-// Holds the configured value of one setting as text.
-struct TimeoutValue {
-    char text[TIMEOUT_VALUE_LEN + 1] = {0};
-};
-
-// False when the setting cannot be read: the attribute is then left alone
-// without a word, as the settings module has already spoken.
-bool UDEV_GetTimeoutValue(const char *settingName, TimeoutValue *value)
-{
-    (void)memset_s(value->text, sizeof(value->text), 0, sizeof(value->text));
-    return UDEV_GetQmLinuxCfgValue(settingName, value->text, TIMEOUT_VALUE_LEN) == UDEV_RET_OK;
-}
 
 UdevDevicePtr UDEV_LookupDevice(const char *subsystem, const char *sysname)
 {
@@ -43,90 +29,156 @@ UdevDevicePtr UDEV_LookupDevice(const char *subsystem, const char *sysname)
     return UdevDevicePtr(udev_device_new_from_subsystem_sysname(udev, subsystem, sysname));
 }
 
+// False when the setting cannot be read: the attribute is then left alone
+// without a word, as the settings module has already spoken.
+bool UDEV_PlanAttr(UdevTimeoutTarget *target, const char *settingName, const char *attrName)
+{
+    UdevTimeoutAttr *attr = &target->attrs[target->attrCount];
+    attr->name = attrName;
+    (void)memset_s(attr->value, sizeof(attr->value), 0, sizeof(attr->value));
+    if (UDEV_GetQmLinuxCfgValue(settingName, attr->value, UDEV_TIMEOUT_VALUE_LEN) != UDEV_RET_OK) {
+        return false;
+    }
+    attr->current = udev_device_get_sysattr_value(target->device.get(), attrName);
+    target->attrCount++;
+    return true;
+}
+
+// Writes the plan of one object in order and stops at the first attribute
+// that does not end up holding its value: the fast-fail time of an FC port
+// is only meaningful below an established loss time.
+void UDEV_WriteTimeOut(const UdevEventNode *eventNode, const UdevTimeoutTarget &target)
+{
+    for (uint32_t i = 0; i < target.attrCount; i++) {
+        const UdevTimeoutAttr &attr = target.attrs[i];
+        if (UDEV_SetUdevDeviceAttrVal(target.device.get(), attr.name, attr.value) == UDEV_RET_OK) {
+            continue;
+        }
+        switch (target.kind) {
+            case UdevTimeoutKind::FC_RPORT:  // one text for both of the port's attributes
+                MPI_Log(MPI_LOG_ERROR, "device{%s} set rport{%s} dev_loss_tmo fail.\n", eventNode->devNum, target.name);
+                break;
+            case UdevTimeoutKind::ISCSI_SESSION:
+                MPI_Log(MPI_LOG_ERROR, "dev{%s} set session{%s} recovery_tmo fail.\n", eventNode->devNum, target.name);
+                break;
+            case UdevTimeoutKind::SCSI_DEVICE:
+                MPI_Log(MPI_LOG_ERROR, "device{%s,%s} set timeout fail.\n", eventNode->devNum, target.name);
+                break;
+        }
+        return;
+    }
+}
+
 }  // namespace
 
-void UDEV_SetHbaTimeOut(UdevEventNode *eventNode)
+bool UDEV_PlanHbaTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
 {
     MPI_AssertNotNull(eventNode);
     if (eventNode->transportType == UDEV_TRANSPORT_FCP) {
-        UDEV_SetFcRportTimeOut(eventNode);
+        return UDEV_PlanFcRportTimeOut(eventNode, target);
     }
     if (eventNode->transportType == UDEV_TRANSPORT_ISCSI) {
-        UDEV_SetIscsiSessionTimeOut(eventNode);
+        return UDEV_PlanIscsiSessionTimeOut(eventNode, target);
+    }
+    return false;
+}
+
+bool UDEV_PlanFcRportTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::FC_RPORT;
+    if (sprintf_s(target->name, sizeof(target->name), "rport-%d:%d-%d", eventNode->host, eventNode->channel,
+                  eventNode->transportId) == -1) {
+        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = UDEV_LookupDevice("fc_remote_ports", target->name);
+    if (!target->device) {
+        MPI_Log(MPI_LOG_ERROR, "device{%s} port{%s} get udev device fail.\n", eventNode->devNum, target->name);
+        return false;
+    }
+    if (UDEV_PlanAttr(target, "dev_loss_tmo", "dev_loss_tmo")) {
+        (void)UDEV_PlanAttr(target, "fast_io_fail_tmo", "fast_io_fail_tmo");
+    }
+    return true;
+}
+
+bool UDEV_PlanIscsiSessionTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::ISCSI_SESSION;
+    if (sprintf_s(target->name, sizeof(target->name), "session%d", eventNode->transportId) == -1) {
+        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = UDEV_LookupDevice("iscsi_session", target->name);
+    if (!target->device) {
+        MPI_Log(MPI_LOG_ERROR, "dev{%s} get session{%s} udev device fail.\n", eventNode->devNum, target->name);
+        return false;
+    }
+    (void)UDEV_PlanAttr(target, "recovery_tmo", "recovery_tmo");
+    return true;
+}
+
+bool UDEV_PlanScsiDeviceTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    MPI_AssertNotNull(eventNode);
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::SCSI_DEVICE;
+    if (sprintf_s(target->name, sizeof(target->name), "%d:%d:%d:%d", eventNode->host, eventNode->channel,
+                  eventNode->target, eventNode->lun) == -1) {
+        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = UDEV_LookupDevice("scsi", target->name);
+    if (!target->device) {
+        MPI_Log(MPI_LOG_ERROR, "device{%s,%s} get udev device fail.\n", eventNode->devNum, target->name);
+        return false;
+    }
+    (void)UDEV_PlanAttr(target, "scsi_timeout", "timeout");
+    return true;
+}
+
+void UDEV_PlanScsiTimeOuts(const UdevEventNode *eventNode, UdevTimeoutPlan *plan)
+{
+    plan->count = 0;
+    if (UDEV_PlanHbaTimeOut(eventNode, &plan->targets[plan->count])) {
+        plan->count++;
+    }
+    if (UDEV_PlanScsiDeviceTimeOut(eventNode, &plan->targets[plan->count])) {
+        plan->count++;
+    }
+}
+
+void UDEV_SetHbaTimeOut(UdevEventNode *eventNode)
+{
+    UdevTimeoutTarget target;
+    if (UDEV_PlanHbaTimeOut(eventNode, &target)) {
+        UDEV_WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetFcRportTimeOut(UdevEventNode *eventNode)
 {
-    char portName[TIMEOUT_NAME_LEN] = {0};
-    if (sprintf_s(portName, sizeof(portName), "rport-%d:%d-%d", eventNode->host, eventNode->channel,
-                  eventNode->transportId) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
-        return;
-    }
-    UdevDevicePtr port = UDEV_LookupDevice("fc_remote_ports", portName);
-    if (!port) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s} port{%s} get udev device fail.\n", eventNode->devNum, portName);
-        return;
-    }
-    TimeoutValue value;
-    if (!UDEV_GetTimeoutValue("dev_loss_tmo", &value)) {
-        return;
-    }
-    if (UDEV_SetUdevDeviceAttrVal(port.get(), "dev_loss_tmo", value.text) != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s} set rport{%s} dev_loss_tmo fail.\n", eventNode->devNum, portName);
-        return;
-    }
-    // The fast-fail time is only meaningful below an established loss time.
-    if (!UDEV_GetTimeoutValue("fast_io_fail_tmo", &value)) {
-        return;
-    }
-    if (UDEV_SetUdevDeviceAttrVal(port.get(), "fast_io_fail_tmo", value.text) != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s} set rport{%s} dev_loss_tmo fail.\n", eventNode->devNum, portName);
+    UdevTimeoutTarget target;
+    if (UDEV_PlanFcRportTimeOut(eventNode, &target)) {
+        UDEV_WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetIscsiSessionTimeOut(UdevEventNode *eventNode)
 {
-    char sessionName[TIMEOUT_NAME_LEN] = {0};
-    if (sprintf_s(sessionName, sizeof(sessionName), "session%d", eventNode->transportId) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
-        return;
-    }
-    UdevDevicePtr session = UDEV_LookupDevice("iscsi_session", sessionName);
-    if (!session) {
-        MPI_Log(MPI_LOG_ERROR, "dev{%s} get session{%s} udev device fail.\n", eventNode->devNum, sessionName);
-        return;
-    }
-    TimeoutValue value;
-    if (!UDEV_GetTimeoutValue("recovery_tmo", &value)) {
-        return;
-    }
-    if (UDEV_SetUdevDeviceAttrVal(session.get(), "recovery_tmo", value.text) != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "dev{%s} set session{%s} recovery_tmo fail.\n", eventNode->devNum, sessionName);
+    UdevTimeoutTarget target;
+    if (UDEV_PlanIscsiSessionTimeOut(eventNode, &target)) {
+        UDEV_WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetScsiDeviceTimeOut(UdevEventNode *eventNode)
 {
-    MPI_AssertNotNull(eventNode);
-    char deviceName[TIMEOUT_NAME_LEN] = {0};
-    if (sprintf_s(deviceName, sizeof(deviceName), "%d:%d:%d:%d", eventNode->host, eventNode->channel,
-                  eventNode->target, eventNode->lun) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
-        return;
-    }
-    UdevDevicePtr device = UDEV_LookupDevice("scsi", deviceName);
-    if (!device) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s,%s} get udev device fail.\n", eventNode->devNum, deviceName);
-        return;
-    }
-    TimeoutValue value;
-    if (!UDEV_GetTimeoutValue("scsi_timeout", &value)) {
-        return;
-    }
-    if (UDEV_SetUdevDeviceAttrVal(device.get(), "timeout", value.text) != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s,%s} set timeout fail.\n", eventNode->devNum, deviceName);
+    UdevTimeoutTarget target;
+    if (UDEV_PlanScsiDeviceTimeOut(eventNode, &target)) {
+        UDEV_WriteTimeOut(eventNode, target);
     }
 }
 
