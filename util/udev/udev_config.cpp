@@ -32,22 +32,17 @@ constexpr ProductField g_productFields[CFG_KEY_COUNT] = {
     &UdevProductNode::ruler_name, &UdevProductNode::vendor_id, &UdevProductNode::product_id,
     &UdevProductNode::driver};
 
-// Reader state of one file: the line buffer and the three flags that the
-// line handler keeps across physical lines.
-struct ConfigReader {
-    char buffer[UDEV_CFG_LINE_LEN];
-    uint32_t bufferIndex;
-    uint8_t lineFlag;
-    uint8_t vendorsUnit;
-};
-
 bool IsDroppedByte(char c)
 {
     signed char value = static_cast<signed char>(c);
     return value <= ' ' || c == '"' || c == ';';
 }
 
-void HandleChar(ConfigReader *reader, int c)
+}  // namespace
+
+// One character of the file, in file order: the backslash join, the
+// 511-character discard and the newline that hands a line over.
+void UDEV_ReadConfigChar(UdevConfigReader *reader, int c)
 {
     if (c == '\\') {
         reader->lineFlag = 1;
@@ -68,6 +63,8 @@ void HandleChar(ConfigReader *reader, int c)
     UDEV_HandleSingleLine(reader->buffer, sizeof(reader->buffer), &reader->bufferIndex, &reader->lineFlag,
                           &reader->vendorsUnit);
 }
+
+namespace {
 
 int FindProductKey(const char *keyName)
 {
@@ -259,10 +256,10 @@ bool UDEV_InitConfig()
         return false;
     }
     (void)std::fseek(file.get(), 0, SEEK_SET);
-    ConfigReader reader = {};
+    UdevConfigReader reader = {};
     int c;
     while ((c = std::fgetc(file.get())) != EOF) {
-        HandleChar(&reader, c);
+        UDEV_ReadConfigChar(&reader, c);
     }
     return true;
 }

@@ -18,7 +18,19 @@ struct UdevProductNode {
     char driver[UDEV_CFG_FIELD_LEN];
 };
 
+// Reader state of one file: the line buffer and the three flags that the
+// line handler keeps across physical lines. UDEV_InitConfig feeds it the
+// file one character at a time; a tool that checks a file feeds it the
+// same way and knows at each character which line it is on.
+struct UdevConfigReader {
+    char buffer[UDEV_CFG_LINE_LEN];
+    uint32_t bufferIndex;
+    uint8_t lineFlag;
+    uint8_t vendorsUnit;
+};
+
 bool UDEV_InitConfig();
+void UDEV_ReadConfigChar(UdevConfigReader *reader, int c);
 void UDEV_ReleaseConfig();
 bool UDEV_DeviceIsSupport(const char *vendor, const char *product);
 bool UDEV_MatchProductStr(const char *vendor, const char *product, const UdevProductNode *node);
