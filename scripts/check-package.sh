@@ -98,9 +98,12 @@ expected_files="-rw-r--r-- root/root ./etc/logrotate.d/qmudev
 -rw-r--r-- root/root ./lib/systemd/system/qmudev.service
 -rw-r--r-- root/root ./usr/lib/tmpfiles.d/qmudev.conf
 -rwxr-xr-x root/root ./usr/sbin/qmudev
+-rwxr-xr-x root/root ./usr/sbin/qmudevadm
+-rw-r--r-- root/root ./usr/share/bash-completion/completions/qmudevadm
 -rw-r--r-- root/root ./usr/share/doc/qmudev/examples/qmLinux.conf
 -rw-r--r-- root/root ./usr/share/doc/qmudev/examples/qm_plus.conf
--rw-r--r-- root/root ./usr/share/man/man8/qmudev.8.gz"
+-rw-r--r-- root/root ./usr/share/man/man8/qmudev.8.gz
+-rw-r--r-- root/root ./usr/share/man/man8/qmudevadm.8.gz"
 expected_files=$(printf '%s\n' "$expected_files" | LC_ALL=C sort -k3)
 actual_files=$(awk '$1 !~ /^d/ { print $1, $2, $6 }' "$scratch/contents" | LC_ALL=C sort -k3)
 if [ "$actual_files" = "$expected_files" ]; then
@@ -189,6 +192,28 @@ if zcat "$page" | groff -man -ww -z 2>&1 | tee "$scratch/groff.err" >&2 && [ ! -
 else
   fail "groff -man -ww warns"
 fi
+
+# The tool: its manual page, its bash completion, and the tool itself run
+# from the unpacked package on the shipped configuration, which must pass.
+page="$root/usr/share/man/man8/qmudevadm.8.gz"
+missing=""
+if MANWIDTH=80 man --warnings -l "$page" >"$scratch/adm-man.txt" 2>"$scratch/adm-man.err" \
+  && [ ! -s "$scratch/adm-man.err" ]; then
+  for section in NAME SYNOPSIS DESCRIPTION COMMANDS OPTIONS "EXIT STATUS" EXAMPLES FILES "SEE ALSO"; do
+    grep -q "^$section\$" "$scratch/adm-man.txt" || missing="$missing [$section]"
+  done
+  expect "qmudevadm.8 renders without warnings and has every section${missing:+ (lacks$missing)}" [ -z "$missing" ]
+else
+  cat "$scratch/adm-man.err" >&2
+  fail "man -l qmudevadm.8.gz"
+fi
+expect "groff -man -ww qmudevadm.8: no warnings" \
+  sh -c '[ -z "$(zcat "$1" | groff -man -ww -z 2>&1)" ]' sh "$page"
+expect "bash completion of qmudevadm parses" bash -n "$root/usr/share/bash-completion/completions/qmudevadm"
+expect "qmudevadm --version" sh -c '"$1" --version | grep -qx "qmudevadm $2"' sh "$root/usr/sbin/qmudevadm" \
+  "$(field Version | sed 's/-[^-]*$//')"
+expect "qmudevadm verify passes the shipped configuration" \
+  "$root/usr/sbin/qmudevadm" verify --vendors "$root/etc/qm_plus.conf" --settings "$root/etc/qmLinux.conf"
 
 # tmpfiles: remove the trace directory from the unpacked tree and let
 # systemd-tmpfiles make it again from the package's snippet.
