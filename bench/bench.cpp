@@ -20,6 +20,10 @@
 // Usage: qmudev-bench [--smoke] [--sizes 1000,4000,10000] [--runs 3]
 //                     [--subjects daemon,floor] [--no-storm]
 //                     [--callgrind DIR] [--out FILE]
+//
+// Subject "adm" (--subjects daemon,adm --no-storm) runs `qmudevadm test
+// --json` on the same testbed instead: the dry run of the start-up scan,
+// whose CPU time is compared with the daemon's start-up.
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -73,7 +77,7 @@ std::vector<std::string> Split(const std::string &text, char sep)
 {
     std::fprintf(stderr,
                  "qmudev-bench: %s\n"
-                 "usage: qmudev-bench [--smoke] [--sizes N,N,...] [--runs R] [--subjects daemon,floor]\n"
+                 "usage: qmudev-bench [--smoke] [--sizes N,N,...] [--runs R] [--subjects daemon,floor,adm]\n"
                  "                    [--no-storm] [--callgrind DIR] [--out FILE]\n",
                  why);
     std::exit(2);
@@ -124,7 +128,7 @@ Options ParseOptions(int argc, char **argv)
         }
     }
     for (const auto &s : o.subjects) {
-        if (s != "daemon" && s != "floor") {
+        if (s != "daemon" && s != "floor" && s != "adm") {
             Usage(("unknown subject " + s).c_str());
         }
     }
@@ -135,6 +139,12 @@ std::string FloorPath()
 {
     const char *v = std::getenv("QMBENCH_FLOOR");
     return v != nullptr && v[0] != '\0' ? v : QMBENCH_FLOOR_PATH;
+}
+
+std::string AdmPath()
+{
+    const char *v = std::getenv("QMBENCH_ADM");
+    return v != nullptr && v[0] != '\0' ? v : QMBENCH_ADM_PATH;
 }
 
 double Seconds(Clock::duration d)
@@ -362,8 +372,47 @@ struct Measure {
 
 constexpr auto kStormPause = 3s;
 
+// qmudevadm test over every disk. The tool exits when done, so it runs
+// under a shell that waits for it and then stays: the shell's children's
+// CPU time (cutime + cstime in /proc) is then the tool's. Its wall time is
+// from the spawn to its exit, seen within 50 ms.
+Measure RunAdm(Lab &lab, const Scenario &s)
+{
+    Measure m;
+    std::string out = lab.sandbox().Path("adm.json");
+    std::string done = lab.sandbox().Path("adm.done");
+    std::remove(done.c_str());
+    DaemonOptions d;
+    d.binary = "/bin/sh";
+    d.args = {"-c", "\"$0\" test --json >\"$1\"; echo $? >\"$2\"; exec sleep 3600", AdmPath(), out, done};
+    auto t0 = Clock::now();
+    Daemon &p = lab.Start(d);
+    Deadline deadline(900s);
+    while (!ReadFile(done) && p.Running() && !deadline.Expired()) {
+        std::this_thread::sleep_for(50ms);
+    }
+    m.startupWall = Seconds(Clock::now() - t0);
+    m.startupCpu = CpuSeconds(p.Pid()).value_or(NAN);
+    std::string code = ReadFile(done).value_or("none");
+    p.Stop(2s);
+    size_t taken = 0;
+    std::ifstream json(out);
+    for (std::string line; std::getline(json, line);) {
+        taken += line.find("\"verdict\":\"taken over\"") != std::string::npos ? 1 : 0;
+    }
+    if (code != "0\n" || taken != s.disks.size()) {
+        m.error = "qmudevadm test: exit " + code + ", " + std::to_string(taken) + " of " +
+                  std::to_string(s.disks.size()) + " disks taken over\n" + p.Stderr();
+    }
+    m.ok = m.error.empty();
+    return m;
+}
+
 Measure RunOne(Lab &lab, const Scenario &s, const std::string &subject, const Options &o)
 {
+    if (subject == "adm") {
+        return RunAdm(lab, s);
+    }
     Measure m;
     size_t n = s.disks.size();
     // Each run starts with empty trace files.
@@ -565,6 +614,24 @@ std::string Report(const Results &results, const Options &o, const std::string &
             }
             std::string unit = f.unit[0] != '\0' ? std::string(" (") + f.unit + ")" : "";
             r << "| " << n << " | " << f.name << unit << " | " << dv << " | " << fv << " | " << ratio << " |\n";
+        }
+    }
+    bool adm = false;
+    for (const auto &[n, bySubject] : results) {
+        adm = adm || bySubject.count("adm") != 0;
+    }
+    if (adm) {
+        r << "\nqmudevadm test against the daemon's start-up on the same testbed:\n\n"
+             "| N | figure | daemon start-up | qmudevadm test | tool/daemon |\n|---:|---|---:|---:|---:|\n";
+        for (const auto &[n, bySubject] : results) {
+            auto dm = bySubject.find("daemon");
+            auto tool = bySubject.find("adm");
+            for (const auto &f : {kFigures[1], kFigures[0]}) {
+                double a = dm != bySubject.end() ? MedianOf(dm->second, f.field) : NAN;
+                double b = tool != bySubject.end() ? MedianOf(tool->second, f.field) : NAN;
+                std::string ratio = !std::isnan(a) && !std::isnan(b) && a > 0 ? Num(b / a) + "x" : "-";
+                r << "| " << n << " | " << f.name << " (s) | " << Num(a) << " | " << Num(b) << " | " << ratio << " |\n";
+            }
         }
     }
     if (results.size() >= 2) {
