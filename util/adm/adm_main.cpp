@@ -1,6 +1,7 @@
 // qmudevadm: subcommands in the manner of udevadm.
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "adm.h"
 
@@ -35,6 +36,9 @@ int main(int argc, char **argv)
         std::printf("qmudevadm %s\n", QMUDEV_VERSION);
         return adm::kExitOk;
     }
+    // The subcommand's own name, for the messages of its option parser.
+    std::string name = std::string("qmudevadm ") + command;
+    argv[1] = name.data();
     if (std::strcmp(command, "verify") == 0) {
         return adm::RunVerify(argc - 1, argv + 1);
     }

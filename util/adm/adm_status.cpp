@@ -64,6 +64,7 @@ struct TraceRecord {
     std::string time;
     std::string level;
     std::string function;
+    long line = 0;
     std::string message;
 };
 
@@ -90,7 +91,11 @@ std::optional<TraceRecord> ParseRecord(const std::string &line)
     if (fields[0].empty() || fields[0].find_first_not_of("0123456789") != std::string::npos) {
         return std::nullopt;
     }
-    return TraceRecord{line, fields[0], fields[1], Trim(fields[3]), fields[5], line.substr(pos)};
+    // The place is "function: source line".
+    size_t colon = fields[5].rfind(": ");
+    std::string function = colon != std::string::npos ? fields[5].substr(0, colon) : fields[5];
+    long sourceLine = colon != std::string::npos ? std::strtol(fields[5].c_str() + colon + 2, nullptr, 10) : 0;
+    return TraceRecord{line, fields[0], fields[1], Trim(fields[3]), function, sourceLine, line.substr(pos)};
 }
 
 // The last `count` ERROR and WARN records; a line that is not a record
@@ -176,7 +181,7 @@ int RunStatus(int argc, char **argv)
         writer.Key("records").BeginArray();
         for (const TraceRecord &record : records) {
             writer.BeginObject().Field("sequence", record.sequence).Field("time", record.time);
-            writer.Field("level", record.level).Field("function", record.function);
+            writer.Field("level", record.level).Field("function", record.function).Key("line").Int(record.line);
             writer.Field("message", record.message).EndObject();
         }
         writer.EndArray().Key("exit").Int(exitCode).EndObject();
