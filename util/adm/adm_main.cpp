@@ -1,6 +1,7 @@
 // qmudevadm: subcommands in the manner of udevadm.
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "adm.h"
@@ -16,9 +17,7 @@ const char *const kUsage =
     "  status   whether a daemon runs, and its last ERROR and WARN trace records\n"
     "'qmudevadm COMMAND --help' tells more; see qmudevadm(8).\n";
 
-}  // namespace
-
-int main(int argc, char **argv)
+int Dispatch(int argc, char **argv)
 {
     // Before any of the daemon's code runs: none of it may write a trace
     // record or a system-log message on the tool's behalf.
@@ -50,4 +49,16 @@ int main(int argc, char **argv)
     }
     std::fprintf(stderr, "qmudevadm: unknown command \"%s\"\n%s", command, kUsage);
     return adm::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return Dispatch(argc, argv);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "qmudevadm: %s\n", e.what());
+        return adm::kExitChanged;
+    }
 }
