@@ -77,10 +77,12 @@ void MPI_LogWrite(int level, const char *func, int line, const char *format, ...
 {
     va_list argList;
     va_start(argList, format);
-    if (UDEV_IsSyslogMode()) {
+    // A sink takes every level, whatever the log mode.
+    bool sunk = MPI_VLogToSink(level, func, line, format, argList);
+    if (!sunk && UDEV_IsSyslogMode()) {
         // In this mode every level goes out, without level, module or place.
         UDEV_VSyslog(format, argList);
-    } else if (level != MPI_LOG_DEBUG) {
+    } else if (!sunk && level != MPI_LOG_DEBUG) {
         MPI_VWriteTraceRecord(level, func, line, format, argList);
     }
     va_end(argList);
