@@ -2,12 +2,10 @@
 // properties, sysfs names and attribute values. The input is "key=value"
 // lines (block, host, transport (fc, iscsi, local), port, target, scsi,
 // vendor, model, ctrl, nvme_model, subsystem, nsid, cntlid, hidden, devtype,
-// major, minor, wwn, prefill): a SCSI disk, or for a block name "nvme..." an
-// NVMe namespace, is built in a umockdev testbed, its vendor and product as
-// the daemon reads them become the vendor list's one rule, and the handle
+// major, minor, wwn): a SCSI disk, or for a block name "nvme..." an NVMe
+// namespace, is built in a umockdev testbed, its vendor and product as the
+// daemon reads them become the vendor list's one rule, and the handle
 // thread's UDEV_InitEventNodeBasicInfo and UDEV_InitAddEventNode run on it.
-// "prefill" goes into devInfo before the protocol's appends, which real
-// device numbers never bring near the end of the field.
 
 #include <algorithm>
 #include <cstdint>
@@ -111,7 +109,37 @@ std::string Build(const Input &in)
                Pairs(in, {"DEVTYPE", "disk"}, {{"major", "MAJOR"}, {"minor", "MINOR"}, {"wwn", "ID_WWN_WITH_EXTENSION"}}));
 }
 
-void CheckAdd(const Input &in, struct udev_device *dev)
+// One add into a fresh record. Real device numbers never bring the
+// protocol's appends near the end of devInfo: the field is first filled up
+// to `room` free bytes.
+void AddOnce(struct udev_device *dev, size_t room, const std::string &vendorProduct)
+{
+    // Zero-filled as the daemon's, but for the padding behind devInfo: marked,
+    // so that a write past the field shows (past the block, ASan sees it).
+    auto *node = static_cast<UdevEventNode *>(std::calloc(1, sizeof(UdevEventNode)));
+    const std::string mark(sizeof(UdevEventNode) - offsetof(UdevEventNode, devInfo) - UDEV_DEVINFO_LEN, 'x');
+    char *padding = reinterpret_cast<char *>(node) + offsetof(UdevEventNode, devInfo) + UDEV_DEVINFO_LEN;
+    std::memcpy(padding, mark.data(), mark.size());
+    if (UDEV_InitEventNodeBasicInfo(dev, node) == UDEV_RET_OK) {
+        size_t used = strnlen(node->devInfo, UDEV_DEVINFO_LEN);
+        size_t n = UDEV_DEVINFO_LEN - used > room ? UDEV_DEVINFO_LEN - used - room : 0;
+        std::memset(node->devInfo + used, 'x', n);
+        int ret = UDEV_InitAddEventNode(dev, node);
+        FUZZ_CHECK(ret == UDEV_RET_OK || ret == UDEV_RET_FAIL);
+        FUZZ_CHECK(used + n == UDEV_DEVINFO_LEN ? ret == UDEV_RET_FAIL : std::memchr(node->devInfo, 0, UDEV_DEVINFO_LEN) != nullptr);
+        // Success: device number first, then (after the protocol word and
+        // any filler) vendor, product and host:channel:target:lun.
+        std::string info = ret == UDEV_RET_OK ? node->devInfo : "";
+        std::string tail = vendorProduct + std::to_string(node->host) + ":" + std::to_string(node->channel) + ":" +
+                           std::to_string(node->target) + ":" + std::to_string(node->lun);
+        FUZZ_CHECK(info.empty() || (info.rfind(std::string(node->devNum) + " ", 0) == 0 && info.size() > tail.size() &&
+                                    info.compare(info.size() - tail.size(), tail.size(), tail) == 0));
+    }
+    FUZZ_CHECK(std::memchr(node->devNum, 0, UDEV_DEVNUM_LEN) != nullptr && std::string(padding, mark.size()) == mark);
+    std::free(node);
+}
+
+void CheckAdd(struct udev_device *dev)
 {
     std::vector<char> vendor(UTIL_VENDOR_LEN);
     std::vector<char> product(UTIL_PRODUCT_LEN);
@@ -120,29 +148,10 @@ void CheckAdd(const Input &in, struct udev_device *dev)
     FUZZ_CHECK(std::memchr(vendor.data(), 0, vendor.size()) && std::memchr(product.data(), 0, product.size()));
     std::string rules = std::string("[vendors]\nvendor_id=") + vendor.data() + ",product_id=" + product.data() + "\n";
     FUZZ_CHECK(UDEV_InitConfigFromPath(FuzzFile(rules.data(), rules.size())));
-
-    auto *node = static_cast<UdevEventNode *>(std::calloc(1, sizeof(UdevEventNode)));  // as the daemon's
-    if (UDEV_InitEventNodeBasicInfo(dev, node) == UDEV_RET_OK) {
-        std::string prefill = in.count("prefill") ? in.at("prefill") : "";
-        size_t used = strnlen(node->devInfo, UDEV_DEVINFO_LEN);
-        size_t n = std::min(prefill.size(), UDEV_DEVINFO_LEN - used);
-        std::memcpy(node->devInfo + used, prefill.data(), n);
-        ret = UDEV_InitAddEventNode(dev, node);
-        FUZZ_CHECK(ret == UDEV_RET_OK || ret == UDEV_RET_FAIL);
-        FUZZ_CHECK(used + n == UDEV_DEVINFO_LEN ? ret == UDEV_RET_FAIL : std::memchr(node->devInfo, 0, UDEV_DEVINFO_LEN) != nullptr);
-        // Success: device number first, then (after the protocol word and
-        // any prefill) vendor, product and host:channel:target:lun.
-        std::string info = ret == UDEV_RET_OK ? node->devInfo : "";
-        std::string tail = std::string(vendor.data()) + " " + product.data() + " " + std::to_string(node->host) + ":" +
-                           std::to_string(node->channel) + ":" + std::to_string(node->target) + ":" + std::to_string(node->lun);
-        FUZZ_CHECK(info.empty() || (info.rfind(std::string(node->devNum) + " ", 0) == 0 && info.size() > tail.size() &&
-                                    info.compare(info.size() - tail.size(), tail.size(), tail) == 0));
+    // Every fill level up to the longest vendor, product and numbers, and none.
+    for (size_t room = 0; room <= 80; ++room) {
+        AddOnce(dev, room < 80 ? room : UDEV_DEVINFO_LEN, std::string(vendor.data()) + " " + product.data() + " ");
     }
-    FUZZ_CHECK(std::memchr(node->devNum, 0, UDEV_DEVNUM_LEN) != nullptr);
-    for (size_t i = offsetof(UdevEventNode, devInfo) + UDEV_DEVINFO_LEN; i < sizeof(UdevEventNode); ++i) {
-        FUZZ_CHECK(reinterpret_cast<const char *>(node)[i] == 0);  // nothing written past devInfo
-    }
-    std::free(node);
     UDEV_ReleaseConfig();
 }
 
@@ -186,7 +195,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string path = Build(in);
     struct udev_device *dev = path.empty() ? nullptr : udev_device_new_from_syspath(g_udev, path.c_str());
     if (dev != nullptr) {
-        CheckAdd(in, dev);
+        CheckAdd(dev);
         udev_device_unref(dev);
     }
     return 0;
