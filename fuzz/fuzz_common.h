@@ -15,9 +15,8 @@
     ((cond) ? (void)0                                                                                           \
             : (std::fprintf(stderr, "fuzz check failed at %s:%d: %s\n", __FILE__, __LINE__, #cond), std::abort()))
 
-// The readers fopen a path: a memfd seen through /proc/self/fd writes to no
-// real directory and leaves nothing behind when the process dies on a
-// finding. One file per process, rewritten for each input.
+// The readers fopen a path: a memfd seen through /proc/self/fd touches no
+// real directory. One file per process, rewritten for each input.
 inline const char *FuzzFile(const void *data, size_t size)
 {
     static const int fd = memfd_create("qmudev-fuzz", 0);

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -54,10 +55,8 @@ std::string Name(const Input &in, const char *key, const char *fallback)
 {
     std::string s = in.count(key) ? in.at(key).substr(0, 100) : fallback;
     std::replace(s.begin(), s.end(), '/', '_');
-    for (const char *taken : {"", ".", "..", "uevent", "subsystem", "block", "vendor", "model"}) {
-        s = s == taken ? fallback : s;
-    }
-    return s;
+    static const std::set<std::string> kTaken = {"", ".", "..", "uevent", "subsystem", "block", "vendor", "model"};
+    return kTaken.count(s) ? fallback : s;
 }
 
 // umockdev's NULL-terminated name/value list: `fixed`, then the input's
@@ -109,9 +108,8 @@ std::string Build(const Input &in)
                Pairs(in, {"DEVTYPE", "disk"}, {{"major", "MAJOR"}, {"minor", "MINOR"}, {"wwn", "ID_WWN_WITH_EXTENSION"}}));
 }
 
-// One add into a fresh record. Real device numbers never bring the
-// protocol's appends near the end of devInfo: the field is first filled up
-// to `room` free bytes.
+// One add into a fresh record, its devInfo first filled up to `room` free
+// bytes (real device numbers never bring the appends near its end).
 void AddOnce(struct udev_device *dev, size_t room, const std::string &vendorProduct)
 {
     // Zero-filled as the daemon's, but for the padding behind devInfo: marked,
@@ -132,8 +130,7 @@ void AddOnce(struct udev_device *dev, size_t room, const std::string &vendorProd
         std::string info = ret == UDEV_RET_OK ? node->devInfo : "";
         std::string tail = vendorProduct + std::to_string(node->host) + ":" + std::to_string(node->channel) + ":" +
                            std::to_string(node->target) + ":" + std::to_string(node->lun);
-        FUZZ_CHECK(info.empty() || (info.rfind(std::string(node->devNum) + " ", 0) == 0 && info.size() > tail.size() &&
-                                    info.compare(info.size() - tail.size(), tail.size(), tail) == 0));
+        FUZZ_CHECK(info.empty() || (info.starts_with(std::string(node->devNum) + " ") && info.ends_with(tail)));
     }
     FUZZ_CHECK(std::memchr(node->devNum, 0, UDEV_DEVNUM_LEN) != nullptr && std::string(padding, mark.size()) == mark);
     std::free(node);

@@ -6,6 +6,7 @@
 // replies of a GET exchange, a few add/remove/change texts and their
 // replies, the start request's reply.
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
@@ -46,8 +47,7 @@ void Answer(unsigned long request, MiscCtrlParam *p)
     p->dataLen = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint32_t>(0, p->bufLen + 4) : in.ConsumeIntegral<uint32_t>();
     // A 1038 with needLen 0 holds the daemon in the record builder's
     // assertion, by design.
-    p->needLen = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint32_t>(1, 5000) : in.ConsumeIntegral<uint32_t>();
-    p->needLen += p->needLen == 0 ? 1 : 0;
+    p->needLen = std::max(1u, in.ConsumeBool() ? in.ConsumeIntegralInRange(1u, 5000u) : in.ConsumeIntegral<uint32_t>());
     std::string reply = in.ConsumeRandomLengthString(p->bufLen);
     std::memcpy(data, reply.data(), reply.size());
 }
@@ -90,8 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(nums == nullptr || (g_ret == 0 && g_status == UDEV_RET_OK));
 
     for (int i = 0; i < 4 && in.remaining_bytes() > 0; ++i) {
-        std::string text = in.ConsumeRandomLengthString(300);
-        text.resize(std::strlen(text.c_str()));
+        std::string text = in.ConsumeRandomLengthString(300).c_str();
         g_text = text.empty() ? "8:32" : text.c_str();  // an empty text is the builder's assertion too
         int which = in.ConsumeIntegralInRange(0, 2);
         int ret = which == 0 ? INTF_UTIL_MiscIoctlAdd(g_text) :
