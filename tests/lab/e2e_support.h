@@ -1,7 +1,6 @@
-// Helpers of the end-to-end scenarios: driver requests in a readable form,
-// waits for them, trace records and their times, attribute writes,
-// notifications, the daemon's processes, and live events known to be queued
-// in the daemon.
+// Helpers of the end-to-end scenarios: driver requests in a readable form
+// and waits for them, trace records, notifications, what a daemon leaves
+// behind, and live events known to be queued in the daemon.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +8,6 @@
 #include <functional>
 #include <iomanip>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -29,22 +27,28 @@ using Requests = std::vector<DriverRequest>;
 // that the scan's work is done.
 inline constexpr const char *kEndOfScan = "8:240";
 
-// --- Driver requests. -------------------------------------------------------
+// --- Driver requests. ---------------------------------------------------------
 
 inline std::string Req(DriverOp op, const std::string &devNum)
 {
     return std::string(DriverOpName(op)) + " " + devNum;
 }
 
-// "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" for the requests of the kinds in `ops`.
-inline std::vector<std::string> Seen(const Requests &all,
-                                     const std::set<DriverOp> &ops = {DriverOp::Add, DriverOp::Remove,
-                                                                      DriverOp::Change})
+inline bool IsEvent(DriverOp op)
+{
+    return op == DriverOp::Add || op == DriverOp::Remove || op == DriverOp::Change;
+}
+
+// "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" in arrival order; with
+// `startAndGet`, "START" and "GET" too.
+inline std::vector<std::string> Seen(const Requests &all, bool startAndGet = false)
 {
     std::vector<std::string> out;
     for (const auto &r : all) {
-        if (ops.count(r.op) != 0) {
+        if (IsEvent(r.op)) {
             out.push_back(Req(r.op, r.DevNum()));
+        } else if (startAndGet && (r.op == DriverOp::Start || r.op == DriverOp::Get)) {
+            out.push_back(DriverOpName(r.op));
         }
     }
     return out;
@@ -64,16 +68,10 @@ inline size_t CountAnswered(const Requests &all, DriverOp op, const std::string 
     }));
 }
 
-inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, size_t n, Clock::duration timeout,
-                         const std::string &devNum = "")
+inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, const std::string &devNum, size_t n = 1,
+                         Clock::duration timeout = 30s)
 {
     return drv.WaitFor([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
-}
-
-inline bool WaitAnsweredFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum,
-                            Clock::duration timeout)
-{
-    return WaitAnswered(drv, op, 1, timeout, devNum);
 }
 
 // The requests of one kind (and device number, "": any), in arrival order.
@@ -95,7 +93,7 @@ inline Requests After(const Requests &all, const std::function<bool(const Driver
     return it == all.end() ? Requests{} : Requests(it + 1, all.end());
 }
 
-// --- The trace file. ----------------------------------------------------------
+// --- The trace file. ------------------------------------------------------------
 
 inline std::vector<TraceRecord> RecordsWith(const std::vector<TraceRecord> &records, const std::string &text)
 {
@@ -130,16 +128,13 @@ inline std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &reco
 
 // The record's time (the daemon's local time, whole seconds) in seconds since
 // the epoch. Under accelerated time this is the daemon's clock, not the lab's.
-inline std::optional<long> RecordTime(const TraceRecord &record)
+inline long RecordTime(const TraceRecord &record)
 {
     std::tm tm{};
     std::istringstream in(record.time);
     in >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
-    if (in.fail()) {
-        return std::nullopt;
-    }
     tm.tm_isdst = -1;
-    return static_cast<long>(std::mktime(&tm));
+    return in.fail() ? 0 : static_cast<long>(std::mktime(&tm));
 }
 
 // The daemon's record of one answered driver request.
@@ -148,20 +143,7 @@ inline std::string DriverRecord(const std::string &text, const std::string &acti
     return "device{" + text + "} action{" + action + "} with ret{" + std::to_string(status) + "}.";
 }
 
-// --- Attribute writes, notifications, processes. --------------------------------
-
-// "name=value" of every recorded write into the time-out attributes of one
-// sysfs object, in order.
-inline std::vector<std::string> WritesTo(const Testbed &tb, const std::string &syspath)
-{
-    std::vector<std::string> out;
-    for (const auto &w : tb.AttributeWrites()) {
-        if (w.syspath == syspath) {
-            out.push_back(w.name + "=" + w.value);
-        }
-    }
-    return out;
-}
+// --- Notifications, and what a daemon leaves behind. ------------------------------
 
 inline std::vector<std::string> NotifyTexts(Lab &lab, int pid = 0)
 {
@@ -190,8 +172,7 @@ inline std::vector<int> LabProcesses(Lab &lab)
             continue;
         }
         std::istringstream entries(ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""));
-        std::string entry;
-        while (std::getline(entries, entry, '\0')) {
+        for (std::string entry; std::getline(entries, entry, '\0');) {
             if (entry == mark) {
                 out.push_back(std::atoi(e->d_name));
                 break;
@@ -202,7 +183,23 @@ inline std::vector<int> LabProcesses(Lab &lab)
     return out;
 }
 
-// --- Live events. -----------------------------------------------------------------
+// After a daemon has exited: no process of the lab runs on, and every open of
+// the driver's device has had its close. The emulator learns of a close when
+// the shim's session socket ends, which may come a moment after the exit, so
+// both are waited for (with a deadline), never sampled.
+inline void ExpectNothingLeftBehind(Lab &lab)
+{
+    EXPECT_TRUE(Eventually([&] { return LabProcesses(lab).empty(); }, 10s))
+        << "something the daemon started is still running";
+    auto opened = [](const Requests &all, DriverOp op) {
+        return std::count_if(all.begin(), all.end(), [op](const DriverRequest &r) { return r.op == op && r.ret >= 0; });
+    };
+    EXPECT_TRUE(lab.driver().WaitFor(
+        [&](const Requests &all) { return opened(all, DriverOp::Open) == opened(all, DriverOp::Close); }, 10s))
+        << "the device was not closed";
+}
+
+// --- Live events. ---------------------------------------------------------------
 
 // A daemon with live events. The handle thread loses a wake-up that comes
 // while it is busy (by design: its two-minute wake-up catches up); a scenario
@@ -249,7 +246,7 @@ public:
             Nudge();
         }
     }
-    // Until `n` requests of `op` for the device have been answered.
+    // Until `n` requests of `op` for the device ("": any) have been answered.
     bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
     {
         return WaitRequests([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);

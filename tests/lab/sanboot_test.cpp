@@ -47,7 +47,6 @@ TEST(SanbootArguments, RefusedArgumentsExitOneWithoutNotification)
         {"partition name of 32 characters", {kBootWwn, std::string(32, 'a')},
          "get the input parameter partition disk name aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa failed."},
         {"four arguments", {kBootWwn, "sda1", "x"}, nullptr},
-        {"qmudev a b c d", {"a", "b", "c", "d"}, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -119,23 +118,19 @@ TEST(SanbootFilter, OnlyTheBootDiskAndDisksWithoutWwnAreTakenOver)
 // --- Readiness. ---------------------------------------------------------------
 
 // At five times its speed the daemon looks for the link every 200 ms of the
-// lab: each window below spans some fifteen looks.
+// lab: the window below spans some fifteen looks. A link to a name that only
+// begins like the partition's is there from the start and does not count.
 TEST(SanbootReadiness, ReadyWaitsForTheBootPartitionsLink)
 {
     Lab lab;
     BlockDevice boot = lab.testbed().AddFcDisk({.id = {.wwn = kBootWwn}});
+    lab.sandbox().AddByUuidLink("0b6c1f3e-near-miss", boot.name + "10");
     DaemonOptions opts;
     opts.args = {kBootWwn, boot.name + "1"};
     opts.timeSpeed = 5;
     Daemon &d = lab.Start(opts);
-    ASSERT_TRUE(lab.driver().WaitFor(
-        [&](const Requests &all) { return CountAnswered(all, DriverOp::Add, boot.DevNum()) == 1; }, 60s))
-        << d.Stderr();
-
+    ASSERT_TRUE(WaitAnswered(lab.driver(), DriverOp::Add, boot.DevNum(), 1, 60s)) << d.Stderr();
     EXPECT_FALSE(lab.WaitNotify("READY=1", 3s)) << "ready before the boot partition shows";
-    // A name that only begins like the partition's does not count.
-    lab.sandbox().AddByUuidLink("0b6c1f3e-near-miss", boot.name + "10");
-    EXPECT_FALSE(lab.WaitNotify("READY=1", 3s)) << "ready on another partition's link";
     ASSERT_TRUE(d.Running()) << d.Stderr();
 
     lab.sandbox().AddByUuidLink("9a1d2c4b-boot", boot.name + "1");
