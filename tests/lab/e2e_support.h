@@ -1,6 +1,5 @@
-// Helpers of the end-to-end scenarios: driver requests in a readable form
-// and waits for them, trace records, notifications, what a daemon leaves
-// behind, and live events known to be queued in the daemon.
+// Helpers of the end-to-end scenarios: driver requests and waits for them,
+// trace records, notifications, what a daemon leaves behind, live events.
 #pragma once
 
 #include <algorithm>
@@ -21,13 +20,10 @@ namespace qmlab::test {
 
 using Requests = std::vector<DriverRequest>;
 
-// Held by the driver and not by udev: the scan's REMOVE for it is dispatched
-// after every ADD of the scan's batch, and the handle thread finishes an ADD
-// (time-outs included) before it dispatches the next node. Its answer says
-// that the scan's work is done.
+// Held by the driver, not by udev: the scan's REMOVE for it comes after every
+// ADD of its batch, each finished with its time-outs, so its answer says that
+// the scan's work is done.
 inline constexpr const char *kEndOfScan = "8:240";
-
-// --- Driver requests. ---------------------------------------------------------
 
 inline std::string Req(DriverOp op, const std::string &devNum)
 {
@@ -37,6 +33,17 @@ inline std::string Req(DriverOp op, const std::string &devNum)
 inline bool IsEvent(DriverOp op)
 {
     return op == DriverOp::Add || op == DriverOp::Remove || op == DriverOp::Change;
+}
+
+// 'A' add, 'R' remove, 'C' change: an event's action, a request's kind.
+inline const char *ActionName(char action)
+{
+    return action == 'A' ? "add" : action == 'R' ? "remove" : "change";
+}
+
+inline DriverOp OpOf(char action)
+{
+    return action == 'A' ? DriverOp::Add : action == 'R' ? DriverOp::Remove : DriverOp::Change;
 }
 
 // "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" in arrival order; with
@@ -74,15 +81,12 @@ inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, const std::stri
     return drv.WaitFor([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
 }
 
-// The requests of one kind (and device number, "": any), in arrival order.
-inline Requests RequestsFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum = "")
+// The requests of one kind for one device number, in arrival order.
+inline Requests RequestsFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum)
 {
     Requests out;
-    for (auto &r : drv.Requests(op)) {
-        if (devNum.empty() || r.DevNum() == devNum) {
-            out.push_back(std::move(r));
-        }
-    }
+    auto all = drv.Requests(op);
+    std::copy_if(all.begin(), all.end(), std::back_inserter(out), [&](auto &r) { return r.DevNum() == devNum; });
     return out;
 }
 
@@ -92,8 +96,6 @@ inline Requests After(const Requests &all, const std::function<bool(const Driver
     auto it = std::find_if(all.begin(), all.end(), from);
     return it == all.end() ? Requests{} : Requests(it + 1, all.end());
 }
-
-// --- The trace file. ------------------------------------------------------------
 
 inline std::vector<TraceRecord> RecordsWith(const std::vector<TraceRecord> &records, const std::string &text)
 {
@@ -114,18 +116,6 @@ inline long IndexOf(const std::vector<TraceRecord> &records, const std::string &
     return -1;
 }
 
-// The ERROR records, messages only.
-inline std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &records)
-{
-    std::vector<std::string> out;
-    for (const auto &r : records) {
-        if (r.level == "ERROR") {
-            out.push_back(r.message);
-        }
-    }
-    return out;
-}
-
 // The record's time (the daemon's local time, whole seconds) in seconds since
 // the epoch. Under accelerated time this is the daemon's clock, not the lab's.
 inline long RecordTime(const TraceRecord &record)
@@ -142,8 +132,6 @@ inline std::string DriverRecord(const std::string &text, const std::string &acti
 {
     return "device{" + text + "} action{" + action + "} with ret{" + std::to_string(status) + "}.";
 }
-
-// --- Notifications, and what a daemon leaves behind. ------------------------------
 
 inline std::vector<std::string> NotifyTexts(Lab &lab, int pid = 0)
 {
@@ -164,22 +152,16 @@ inline std::vector<int> LabProcesses(Lab &lab)
     const std::string mark = std::string("QMLAB_MISC_SOCKET=") + lab.driver().SocketPath();
     std::vector<int> out;
     DIR *proc = ::opendir("/proc");
-    if (proc == nullptr) {
-        return out;
-    }
-    while (dirent *e = ::readdir(proc)) {
-        if (e->d_name[0] < '1' || e->d_name[0] > '9') {
-            continue;
-        }
-        std::istringstream entries(ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""));
-        for (std::string entry; std::getline(entries, entry, '\0');) {
-            if (entry == mark) {
-                out.push_back(std::atoi(e->d_name));
-                break;
-            }
+    while (dirent *e = proc != nullptr ? ::readdir(proc) : nullptr) {
+        bool pid = e->d_name[0] >= '1' && e->d_name[0] <= '9';
+        if (pid && ('\0' + ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""))
+                           .find('\0' + mark + '\0') != std::string::npos) {
+            out.push_back(std::atoi(e->d_name));
         }
     }
-    ::closedir(proc);
+    if (proc != nullptr) {
+        ::closedir(proc);
+    }
     return out;
 }
 
@@ -199,17 +181,12 @@ inline void ExpectNothingLeftBehind(Lab &lab)
         << "the device was not closed";
 }
 
-// --- Live events. ---------------------------------------------------------------
-
 // A daemon with live events. The handle thread loses a wake-up that comes
-// while it is busy (by design: its two-minute wake-up catches up); a scenario
-// that waits for the effect of an event therefore sends a harmless event now
-// and then, a "change" of a loop device that the daemon drops, so that
-// whatever is queued is taken without a two-minute wait.
+// while it is busy (by design: its two-minute wake-up catches up), so a wait
+// for an event's effect nudges it now and then with a harmless event: a
+// "change" of a loop device, which the daemon drops (as its scan does).
 class Live {
 public:
-    // The loop device goes into the testbed before the daemon starts (the
-    // start-up scan drops it too).
     explicit Live(Lab &lab) : lab_(lab), poke_(lab.testbed().AddLoop(63)) {}
 
     Daemon &Start(DaemonOptions options = {})
@@ -231,25 +208,19 @@ public:
     // Sends the harmless event, without waiting for it.
     void Nudge() { lab_.testbed().Emit(poke_.syspath, "change", 5s); }
 
-    // Waits until `pred` holds for the driver's requests, nudging the handle
-    // thread every 200 ms meanwhile.
-    bool WaitRequests(const std::function<bool(const Requests &)> &pred, Clock::duration timeout)
+    // Until `n` requests of `op` for the device ("": any) have been
+    // answered, nudging the handle thread every 200 ms meanwhile.
+    bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
     {
-        Deadline deadline(timeout);
-        for (;;) {
-            if (lab_.driver().WaitFor(pred, std::min<Clock::duration>(200ms, deadline.Remaining()))) {
+        for (Deadline deadline(timeout);; Nudge()) {
+            auto slice = std::min<Clock::duration>(200ms, deadline.Remaining());
+            if (qmlab::test::WaitAnswered(lab_.driver(), op, devNum, n, slice)) {
                 return true;
             }
             if (deadline.Expired()) {
                 return false;
             }
-            Nudge();
         }
-    }
-    // Until `n` requests of `op` for the device ("": any) have been answered.
-    bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
-    {
-        return WaitRequests([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
     }
 
 private:

@@ -1,8 +1,8 @@
 // The lab's own properties that would let a fault of the daemon pass
 // silently if they broke: the daemon is only ever shown the testbed's sysfs,
-// so a topology unlike a real host's would hide a daemon that climbs it
-// wrongly; and an instrumented daemon's sanitizer report, which may come with
-// an ordinary exit status, must become a test failure.
+// so a layout or attribute format unlike a real host's (parents, padding)
+// would hide a daemon that reads it wrongly; and a sanitizer report of an
+// instrumented daemon, which may exit with an ordinary status, must fail.
 #include <algorithm>
 #include <functional>
 #include <mutex>
@@ -34,27 +34,26 @@ TEST(LabTestbed, EachKindOfDeviceHasTheTopologyOfARealHost)
     struct Row {
         const char *name;
         std::function<BlockDevice(Testbed &)> make;
-        std::string devNum, devtype;
         std::string parents;  // nearest first, "sysname/subsystem/devtype", as far as the daemon climbs
         std::vector<Attr> attrs;
     };
     const Row rows[] = {
-        {"FC disk", [](Testbed &tb) { return tb.AddFcDisk({.host = 2, .port = 7, .target = 1, .lun = 3}); }, "8:0",
-         "disk", "2:0:1:3/scsi/scsi_device target2:0:1/scsi/scsi_target rport-2:0-7/-/- host2/scsi/scsi_host",
+        {"FC disk", [](Testbed &tb) { return tb.AddFcDisk({.host = 2, .port = 7, .target = 1, .lun = 3}); },
+         "2:0:1:3/scsi/scsi_device target2:0:1/scsi/scsi_target rport-2:0-7/-/- host2/scsi/scsi_host",
          {{"scsi", "2:0:1:3", "vendor", "QMESH   "},
           {"scsi", "2:0:1:3", "model", "VDISK           "},
           {"scsi", "2:0:1:3", "timeout", "30"},
           {"fc_remote_ports", "rport-2:0-7", "dev_loss_tmo", "30"},
           {"fc_remote_ports", "rport-2:0-7", "fast_io_fail_tmo", "off"}}},
-        {"iSCSI disk", [](Testbed &tb) { return tb.AddIscsiDisk({.host = 3, .session = 5, .lun = 1}); }, "8:16",
-         "disk", "3:0:0:1/scsi/scsi_device target3:0:0/scsi/scsi_target session5/-/- host3/scsi/scsi_host",
+        {"iSCSI disk", [](Testbed &tb) { return tb.AddIscsiDisk({.host = 3, .session = 5, .lun = 1}); },
+         "3:0:0:1/scsi/scsi_device target3:0:0/scsi/scsi_target session5/-/- host3/scsi/scsi_host",
          {{"iscsi_session", "session5", "recovery_tmo", "120"}, {"scsi", "3:0:0:1", "timeout", "30"}}},
         {"NVMe namespace",
          [](Testbed &tb) {
              NvmeController c = tb.AddNvmeController({.instance = 3, .model = "QMESH-NVDISK", .modelPad = 40});
              return tb.AddNvmeNamespace(c, {.nsIndex = 2});
          },
-         "259:0", "disk", "nvme3/nvme/-",
+         "nvme3/nvme/-",
          {{"block", "nvme3n2", "nsid", "2"},
           {"block", "nvme3n2", "hidden", "0"},
           {"block", "nvme3n2", "cntlid", "-"},
@@ -64,15 +63,10 @@ TEST(LabTestbed, EachKindOfDeviceHasTheTopologyOfARealHost)
              NvmeController c = tb.AddNvmeController({.instance = 4});
              return tb.AddNvmeSubsystemNamespace(tb.AddNvmeSubsystem(4), c, {.nsIndex = 1});
          },
-         "259:1", "disk", "nvme-subsys4/nvme-subsystem/-", {}},
+         "nvme-subsys4/nvme-subsystem/-", {}},
         {"hidden NVMe path",
          [](Testbed &tb) { return tb.AddNvmePathDevice(tb.AddNvmeController({.instance = 5}), 0, {.nsIndex = 1}); },
-         "259:2", "disk", "nvme5/nvme/-", {{"block", "nvme5c0n1", "hidden", "1"}}},
-        {"partition", [](Testbed &tb) { return tb.AddPartition(tb.AddLocalDisk(), 1); }, "8:33", "partition",
-         "sdc/block/disk", {}},
-        {"loop", [](Testbed &tb) { return tb.AddLoop(0); }, "7:0", "disk", "", {}},
-        {"device-mapper", [](Testbed &tb) { return tb.AddDm(3); }, "253:3", "disk", "", {}},
-        {"CD-ROM", [](Testbed &tb) { return tb.AddCdrom(0); }, "11:0", "disk", "", {}},
+         "nvme5/nvme/-", {{"block", "nvme5c0n1", "hidden", "1"}}},
     };
     Lab lab;
     std::vector<BlockDevice> made;
@@ -85,15 +79,10 @@ TEST(LabTestbed, EachKindOfDeviceHasTheTopologyOfARealHost)
         SCOPED_TRACE(row.name);
         UdevDevicePtr block = Lookup(u.get(), "block", made[i].name);
         ASSERT_NE(block, nullptr);
-        EXPECT_EQ(made[i].DevNum(), row.devNum);
-        EXPECT_EQ(Str(udev_device_get_property_value(block.get(), "MAJOR")) + ":" +
-                      Str(udev_device_get_property_value(block.get(), "MINOR")),
-                  row.devNum);
-        EXPECT_EQ(Str(udev_device_get_devtype(block.get())), row.devtype);
         std::string parents;
         size_t depth = static_cast<size_t>(std::count(row.parents.begin(), row.parents.end(), ' ')) + 1;
         udev_device *p = udev_device_get_parent(block.get());
-        for (size_t k = 0; k < depth && p != nullptr && !row.parents.empty(); ++k, p = udev_device_get_parent(p)) {
+        for (size_t k = 0; k < depth && p != nullptr; ++k, p = udev_device_get_parent(p)) {
             parents += (parents.empty() ? "" : " ") + Str(udev_device_get_sysname(p)) + "/" +
                        Str(udev_device_get_subsystem(p)) + "/" + Str(udev_device_get_devtype(p));
         }
@@ -124,15 +113,12 @@ TEST(LabSanitizerReports, EachReportOfAProgramReachesTheHandler)
     });
     {
         Lab lab;
-        DaemonOptions opts;
-        opts.binary = "/bin/sh";
-        opts.args = {"-c",
-                     "printf '%s\\n' 'qmudev: a line of its own' '==7==ERROR: LeakSanitizer: detected memory leaks'"
-                     " '    #0 0x1 in main' 'SUMMARY: AddressSanitizer: 8 byte(s) leaked in 1 allocation(s).'"
-                     " 'between the reports' 'WARNING: ThreadSanitizer: data race (pid=7)'"
-                     " 'SUMMARY: ThreadSanitizer: data race x.cpp:2 in f' 'x.cpp:3:5: runtime error: overflow' >&2;"
-                     " exit 0"};
-        EXPECT_TRUE(lab.Start(opts).WaitExit(30s).has_value());
+        const std::string script =
+            "printf '%s\\n' 'qmudev: a line of its own' '==7==ERROR: LeakSanitizer: detected memory leaks'"
+            " '    #0 0x1 in main' 'SUMMARY: AddressSanitizer: 8 byte(s) leaked in 1 allocation(s).'"
+            " 'between the reports' 'WARNING: ThreadSanitizer: data race (pid=7)'"
+            " 'SUMMARY: ThreadSanitizer: data race x.cpp:2 in f' 'x.cpp:3:5: runtime error: overflow' >&2";
+        EXPECT_TRUE(lab.Start({.args = {"-c", script}, .binary = "/bin/sh"}).WaitExit(30s).has_value());
     }
     SetSanitizerReportHandler(previous);
     std::lock_guard<std::mutex> lock(g_reportsMu);

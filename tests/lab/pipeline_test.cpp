@@ -1,12 +1,9 @@
 // The event pipeline end to end: live udev events through the monitor and
-// handle threads of the real daemon to the emulated driver. Which events of
-// one batch supersede which, how a refused request is retried (under
-// accelerated time), LVM activation of the product's own disks, and the
-// daemon's orderly end when a worker thread ends, after events of every kind
-// (what is dropped included), with nothing leaked.
+// handle threads of the real daemon to the emulated driver. How a refused
+// request is retried (under accelerated time), LVM activation of the
+// product's own disks, what one walk drops and which events of it supersede
+// which, and the daemon's orderly end when a worker thread ends.
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -14,70 +11,6 @@
 
 namespace qmlab::test {
 namespace {
-
-// --- Supersession within one batch. ----------------------------------------
-
-TEST(PipelineSupersession, OnlyTheLastAddOrRemoveOfABatchReachesTheDriver)
-{
-    struct Case {
-        const char *name;
-        std::vector<const char *> actions;  // sent in this order, in one batch
-        std::vector<DriverOp> expected;     // what reaches the driver for the disk
-    };
-    const std::vector<Case> cases = {
-        {"add, remove, add: the last add", {"add", "remove", "add"}, {DriverOp::Add}},
-        {"remove, add, remove: the last remove", {"remove", "add", "remove"}, {DriverOp::Remove}},
-        {"add then remove: only the remove", {"add", "remove"}, {DriverOp::Remove}},
-        {"two changes: both", {"change", "change"}, {DriverOp::Change, DriverOp::Change}},
-        {"change then add: only the add", {"change", "add"}, {DriverOp::Add}},
-        {"change then remove: only the remove", {"change", "remove"}, {DriverOp::Remove}},
-        // The add is sent and freed before the change's turn comes: the
-        // change no longer stands with an add and goes out too.
-        {"add then change: both", {"add", "change"}, {DriverOp::Add, DriverOp::Change}},
-        {"remove then change: both", {"remove", "change"}, {DriverOp::Remove, DriverOp::Change}},
-    };
-
-    Lab lab;
-    Live live(lab);
-    Testbed &tb = lab.testbed();
-    BlockDevice blocker = tb.AddLocalDisk();
-    std::vector<BlockDevice> disks;
-    for (size_t i = 0; i < cases.size(); ++i) {
-        disks.push_back(tb.AddLocalDisk({.target = static_cast<int>(i + 1)}));
-    }
-    Daemon &d = live.Start();
-    ASSERT_TRUE(lab.WaitNotify("READY=1", 60s)) << d.Stderr();
-    ASSERT_TRUE(live.WaitAnswered(DriverOp::Add, disks.back().DevNum()));
-
-    // The handle thread blocks in the driver on the blocker's change; the
-    // events of every case pile up on the event list meanwhile.
-    lab.driver().Hold(DriverOp::Change);
-    ASSERT_TRUE(live.Send(blocker, "change"));
-    ASSERT_TRUE(lab.driver().WaitHeld(1, 30s));
-    std::vector<std::string> expected;
-    for (size_t i = 0; i < cases.size(); ++i) {
-        for (const char *action : cases[i].actions) {
-            ASSERT_TRUE(live.Send(disks[i], action)) << cases[i].name;
-        }
-        for (DriverOp op : cases[i].expected) {
-            expected.push_back(Req(op, disks[i].DevNum()));
-        }
-    }
-    lab.driver().Release();
-    // A last event after the batch: anything else of the batch would come
-    // before its request.
-    ASSERT_TRUE(live.WaitAnswered(DriverOp::Change, blocker.DevNum()));
-    ASSERT_TRUE(live.Send(blocker, "change"));
-    ASSERT_TRUE(live.WaitAnswered(DriverOp::Change, blocker.DevNum(), 2));
-    expected.push_back(Req(DriverOp::Change, blocker.DevNum()));
-    EXPECT_EQ(Seen(After(lab.driver().Requests(),
-                         [&](const DriverRequest &r) {
-                             return r.op == DriverOp::Change && r.DevNum() == blocker.DevNum();
-                         })),
-              expected);
-}
-
-// --- Refused requests: kept, and sent again two minutes later. -------------
 
 // The daemon runs twenty times faster; a marker disk's "change" every 300 ms
 // of the lab (some 6 s of the daemon) shows each walk of the handle thread.
@@ -87,82 +20,64 @@ TEST(PipelineSupersession, OnlyTheLastAddOrRemoveOfABatchReachesTheDriver)
 // ADDs are refused by the start-up scan, the rest live.
 TEST(PipelineRetry, RefusedRequestIsSentAgainAtTheFirstWalkTwoMinutesLater)
 {
-    struct Row {
-        const char *name;
-        DriverOp op;
-        DriverReply first;
-        const char *action;
-    };
-    const Row rows[] = {
-        {"ADD refused", DriverOp::Add, DriverReply::Status(1030), "add"},
-        {"ADD ioctl fails", DriverOp::Add, DriverReply::Fail(EIO), "add"},
-        {"ADD answered 1055, which ends a remove or change", DriverOp::Add, DriverReply::Status(1055), "add"},
-        {"REMOVE refused", DriverOp::Remove, DriverReply::Status(1030), "remove"},
-        {"REMOVE answered 1052, which ends an add", DriverOp::Remove, DriverReply::Status(1052), "remove"},
-        {"CHANGE refused", DriverOp::Change, DriverReply::Status(1030), "change"},
-    };
+    const std::pair<char, DriverReply> rows[] = {{'A', DriverReply::Status(1030)}, {'A', DriverReply::Fail(EIO)},
+                                                 {'R', DriverReply::Status(1030)}, {'C', DriverReply::Status(1030)}};
     Lab lab({.sandbox = {.timeoutConfig = "scsi_timeout = 60\n"}});
     Live live(lab);
     Testbed &tb = lab.testbed();
     DriverEmulator &drv = lab.driver();
     BlockDevice marker = tb.AddLocalDisk({.target = 0});
-    std::vector<BlockDevice> disks;
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        disks.push_back(tb.AddLocalDisk({.target = static_cast<int>(i + 1)}));
-        if (rows[i].op == DriverOp::Add) {
-            drv.QueueFor(DriverOp::Add, disks[i].DevNum(), rows[i].first);
-        }
-    }
     BlockDevice dropped = tb.AddLocalDisk({.target = 9});
     drv.QueueFor(DriverOp::Add, dropped.DevNum(), DriverReply::Status(1030));
-    Daemon &d = live.Start({.timeSpeed = 20});
-    ASSERT_TRUE(WaitAnswered(drv, DriverOp::Add, "", disks.size() + 2)) << d.Stderr();
-
-    ASSERT_TRUE(live.SendRemove(dropped));
-    ASSERT_TRUE(live.WaitAnswered(DriverOp::Remove, dropped.DevNum()));
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        if (rows[i].op != DriverOp::Add) {
-            drv.QueueFor(rows[i].op, disks[i].DevNum(), rows[i].first);
-            ASSERT_TRUE(rows[i].op == DriverOp::Remove ? live.SendRemove(disks[i]) : live.Send(disks[i], "change"));
-            ASSERT_TRUE(live.WaitAnswered(rows[i].op, disks[i].DevNum())) << rows[i].name;
+    std::vector<BlockDevice> disks;
+    for (const auto &[action, reply] : rows) {
+        disks.push_back(tb.AddLocalDisk({.target = static_cast<int>(disks.size() + 1)}));
+        if (action == 'A') {
+            drv.QueueFor(DriverOp::Add, disks.back().DevNum(), reply);
         }
     }
+    Daemon &d = live.Start({.timeSpeed = 20});
+    ASSERT_TRUE(WaitAnswered(drv, DriverOp::Add, "", disks.size() + 2)) << d.Stderr();
+    ASSERT_TRUE(live.SendRemove(dropped));
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        if (rows[i].first != 'A') {
+            drv.QueueFor(OpOf(rows[i].first), disks[i].DevNum(), rows[i].second);
+            ASSERT_TRUE(rows[i].first == 'R' ? live.SendRemove(disks[i]) : live.Send(disks[i], "change"));
+        }
+    }
+    // Every request answered twice, and walks well past the dropped ADD's
+    // two minutes.
     const std::string walkRecord = DriverRecord(marker.DevNum(), "change", 1024);
-    const std::string droppedRefusal = DriverRecord(ScsiInfo(dropped), "add", 1030);
     ASSERT_TRUE(Eventually(
         [&] {
             live.Send(marker, "change");
             auto all = drv.Requests();
             for (size_t i = 0; i < std::size(rows); ++i) {
-                if (CountAnswered(all, rows[i].op, disks[i].DevNum()) < 2) {
+                if (CountAnswered(all, OpOf(rows[i].first), disks[i].DevNum()) < 2) {
                     return false;
                 }
             }
-            // And walks well past the dropped ADD's two minutes.
             auto trace = lab.TraceLog();
-            auto walks = RecordsWith(trace, walkRecord);
-            long refused = IndexOf(trace, droppedRefusal);
-            return refused >= 0 && !walks.empty() && RecordTime(walks.back()) - RecordTime(trace[refused]) > 125;
+            long refused = IndexOf(trace, DriverRecord(ScsiInfo(dropped), "add", 1030));
+            return refused >= 0 && RecordTime(trace.back()) - RecordTime(trace[refused]) > 125;
         },
         60s, 300ms))
         << d.Stderr();
 
-    ASSERT_TRUE(tb.WaitAttributeWrites(disks.size() + 1, 10s));
-    ASSERT_TRUE(tb.SyncAttributeWrites());
+    ASSERT_TRUE(tb.WaitAttributeWrites(disks.size() + 1, 10s)) << "a time-out of an accepted disk is missing";
     auto trace = lab.TraceLog();
     for (size_t i = 0; i < std::size(rows); ++i) {
-        const Row &row = rows[i];
-        SCOPED_TRACE(row.name);
+        const auto &[letter, reply] = rows[i];
+        const std::string action = ActionName(letter);
         const std::string num = disks[i].DevNum();
-        const std::string text = row.op == DriverOp::Add ? ScsiInfo(disks[i]) : num;
-        Requests sent = RequestsFor(drv, row.op, num);
+        const std::string text = letter == 'A' ? ScsiInfo(disks[i]) : num;
+        SCOPED_TRACE(action + " answered " + std::to_string(reply.ret < 0 ? reply.ret : reply.status));
+        Requests sent = RequestsFor(drv, OpOf(letter), num);
         ASSERT_EQ(sent.size(), 2u) << "refused once, accepted once, nothing more";
-        EXPECT_EQ(sent[1].status, 1024u);
-        EXPECT_EQ(RecordsWith(trace, "add retry udev event " + std::string(row.action) + "(" + num + ").").size(), 1u);
-
-        long refused = IndexOf(trace, row.first.ret < 0 ? std::string(row.action) + "{" + text + "}  fail with ret{-1}."
-                                                        : DriverRecord(text, row.action, row.first.status));
-        long again = IndexOf(trace, DriverRecord(text, row.action, 1024));
+        EXPECT_EQ(RecordsWith(trace, "add retry udev event " + action + "(" + num + ").").size(), 1u);
+        long refused = IndexOf(trace, reply.ret < 0 ? action + "{" + text + "}  fail with ret{-1}."
+                                                    : DriverRecord(text, action, reply.status));
+        long again = IndexOf(trace, DriverRecord(text, action, 1024));
         ASSERT_GE(refused, 0);
         ASSERT_GT(again, refused);
         long tRefused = RecordTime(trace[refused]);
@@ -177,27 +92,17 @@ TEST(PipelineRetry, RefusedRequestIsSentAgainAtTheFirstWalkTwoMinutesLater)
             }
         }
         EXPECT_GE(walksBetween, 3u) << "the handle thread walked its list while the request waited";
-        if (row.op == DriverOp::Add) {
+        if (letter == 'A') {
             auto writes = tb.AttributeWrites();
             auto w = std::find_if(writes.begin(), writes.end(),
-                                  [&](const AttributeWrite &x) { return x.syspath == disks[i].scsiDevice; });
+                                  [&](auto &x) { return x.syspath == disks[i].scsiDevice; });
             ASSERT_NE(w, writes.end());
             EXPECT_GT(w->stamp.seq, sent[1].stamp.seq) << "time-outs written before the ADD was accepted";
         }
     }
-    Requests mine;
-    for (const auto &r : drv.Requests()) {
-        if (r.DevNum() == dropped.DevNum()) {
-            mine.push_back(r);
-        }
-    }
-    EXPECT_EQ(Seen(mine), (std::vector<std::string>{Req(DriverOp::Add, dropped.DevNum()),
-                                                    Req(DriverOp::Remove, dropped.DevNum())}))
-        << "the refused ADD did not give way to its REMOVE";
+    EXPECT_EQ(RequestsFor(drv, DriverOp::Add, dropped.DevNum()).size(), 1u) << "the ADD did not give way to its REMOVE";
     EXPECT_FALSE(RecordsWith(trace, "find same udev event " + dropped.DevNum() + ".").empty());
 }
-
-// --- LVM activation of the product's own disks. ----------------------------
 
 // A disk on the driver's own block major (252, "quillmesh" in the sandbox's
 // /proc/devices). The daemon asks for LVM activation and then drops the
@@ -216,13 +121,8 @@ constexpr const char *kLvmGaveUp = "the maximum number of retries has been reach
 // each nudge (a dropped event) makes a fresh record.
 bool WaitDaemonTime(Lab &lab, Live &live, long t)
 {
-    return Eventually(
-        [&] {
-            live.Nudge();
-            auto trace = lab.TraceLog();
-            return !trace.empty() && RecordTime(trace.back()) >= t;
-        },
-        60s, 20ms);
+    auto reached = [&] { return live.Nudge(), RecordTime(lab.TraceLog().back()) >= t; };
+    return Eventually(reached, 60s, 20ms);
 }
 
 // Twenty times faster, so every time below is the daemon's own (trace record
@@ -255,39 +155,27 @@ TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNo
             ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(RecordsWith(lab.TraceLog(), record).at(0)) + 2));
         }
         ASSERT_TRUE(lab.sandbox().WaitLvmRuns(row.runs, 60s)) << d.Stderr();
-        if (row.failures == 6) {
-            ASSERT_TRUE(lab.WaitTrace(kLvmGaveUp, 30s)) << d.Stderr();
-        }
         BlockDevice disk = lab.testbed().AddFcDisk();
         ASSERT_TRUE(live.Send(disk, "add"));
-        EXPECT_TRUE(live.WaitAnswered(DriverOp::Add, disk.DevNum())) << d.Stderr();
-        EXPECT_TRUE(lab.testbed().WaitAttributeWrites(2, 30s)) << "its time-outs follow";
-        auto trace = lab.TraceLog();
-        ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(trace.back()) + 10));
+        EXPECT_TRUE(live.WaitAnswered(DriverOp::Add, disk.DevNum())) << "the handle thread is blocked";
+        ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(lab.TraceLog().back()) + 10));
         EXPECT_EQ(lab.sandbox().LvmRuns().size(), row.runs);
 
-        trace = lab.TraceLog();
+        auto trace = lab.TraceLog();
         long requested = 0;
-        long lastFailure = -1;
         size_t failures = 0;
-        for (size_t k = 0; k < trace.size(); ++k) {
-            bool failed = trace[k].message.find(kLvmFailed) != std::string::npos;
+        for (const auto &r : trace) {
+            bool failed = r.message.find(kLvmFailed) != std::string::npos;
             if (failed) {
-                EXPECT_GE(RecordTime(trace[k]) - requested, 3) << "ran too early: " << trace[k].raw;
+                EXPECT_GE(RecordTime(r) - requested, 3) << "ran too early: " << r.raw;
                 ++failures;
-                lastFailure = static_cast<long>(k);
             }
-            if (failed || trace[k].message.find(kVirtualDiskRecord) != std::string::npos) {
-                requested = RecordTime(trace[k]);
+            if (failed || r.message.find(kVirtualDiskRecord) != std::string::npos) {
+                requested = RecordTime(r);
             }
         }
         EXPECT_EQ(failures, row.failures);
-        auto gaveUp = RecordsWith(trace, kLvmGaveUp);
-        ASSERT_EQ(gaveUp.size(), row.failures == 6 ? 1u : 0u);
-        if (!gaveUp.empty()) {
-            EXPECT_EQ(gaveUp[0].level, "ERROR");
-            EXPECT_GT(IndexOf(trace, kLvmGaveUp), lastFailure);
-        }
+        EXPECT_EQ(RecordsWith(trace, kLvmGaveUp).size(), row.failures == 6 ? 1u : 0u);
         for (const auto &run : lab.sandbox().LvmRuns()) {
             EXPECT_EQ(run.args, "pvscan --cache --activate ay");
         }
@@ -295,40 +183,38 @@ TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNo
     }
 }
 
-// --- The end of a worker thread, after events of every kind. ---------------
-
-// Whether the daemon that the lab runs carries AddressSanitizer.
-bool DaemonUnderAsan()
+// The handle thread blocks in the driver on a change of the blocker disk
+// while events of every kind pile up: those it drops (a partition, loop and
+// dm devices, an action it does not handle, a foreign vendor) and those of
+// one disk per supersession case. Of several add/remove events of one device
+// in a walk only the last reaches the driver, with the changes behind it.
+//
+// Then the monitor thread ends on a failed poll (the lab's fault switch): the
+// daemon stops in order and main returns 0, with one node still waiting for a
+// retry on the handle thread's working list. In the ASan build LeakSanitizer
+// runs at that exit (its thread log shows that it ran at all); the lab makes
+// every sanitizer report a failure.
+TEST(PipelineWalk, OneBatchOfEveryKindThenTheMonitorsEndStopsTheDaemonInOrder)
 {
-    std::ifstream in(DaemonBinaryPath(), std::ios::binary);
-    std::string binary((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return binary.find("__asan_init") != std::string::npos;
-}
-
-// The daemon stops in order only from inside: a worker thread that ends sets
-// the stop flag, the main loop leaves, the threads are stopped, the lists and
-// the configuration are released and main returns 0. Here the monitor thread
-// ends on a failed poll (the lab's fault switch) after start-up and events of
-// every kind, with one node still waiting for a retry on the handle thread's
-// working list. In the ASan build LeakSanitizer runs at that exit (its thread
-// log shows that it ran at all); the lab makes every sanitizer report a
-// failure.
-TEST(PipelineWorkerEnd, FailedMonitorPollStopsTheDaemonInOrderAfterEventsOfEveryKind)
-{
+    // Per disk, the events of the batch in order ('A' add, 'R' remove, 'C'
+    // change) and what of them reaches the driver. An add that is sent and
+    // freed before a change's turn comes no longer stands with it: both go.
+    const std::pair<std::string, std::string> cases[] = {{"ARA", "A"}, {"RAR", "R"}, {"AR", "R"},  {"CC", "CC"},
+                                                         {"CA", "A"},   {"CR", "R"},   {"AC", "AC"}, {"RC", "RC"}};
     Lab lab;
     Testbed &tb = lab.testbed();
-    BlockDevice fc = tb.AddFcDisk({.host = 2, .port = 7, .lun = 1});
-    BlockDevice iscsi = tb.AddIscsiDisk({.session = 5, .lun = 1});
-    BlockDevice nvme = tb.AddNvmeNamespace(tb.AddNvmeController({.instance = 0}), {.nsIndex = 1});
-    BlockDevice refused = tb.AddLocalDisk();
-    BlockDevice foreign = tb.AddLocalDisk({.target = 1, .id = {.vendor = "OTHER", .model = "DISK"}});
-    BlockDevice part = tb.AddPartition(fc, 1);
-    BlockDevice loop = tb.AddLoop(0);
-    BlockDevice dm = tb.AddDm(0);
+    BlockDevice blocker = tb.AddLocalDisk();
+    std::vector<BlockDevice> disks;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        disks.push_back(tb.AddLocalDisk({.target = static_cast<int>(i + 1)}));
+    }
+    BlockDevice refused = tb.AddLocalDisk({.target = 10});
+    BlockDevice foreign = tb.AddLocalDisk({.target = 11, .id = {.vendor = "OTHER", .model = "DISK"}});
+    BlockDevice fc = tb.AddFcDisk();
+    const BlockDevice dropped[] = {tb.AddPartition(fc, 1), tb.AddLoop(0), tb.AddDm(0)};
     lab.driver().SetFor(DriverOp::Add, refused.DevNum(), DriverReply::Status(1030));
     lab.driver().SetDeviceList({kEndOfScan});
-
-    const bool asan = DaemonUnderAsan();
+    const bool asan = ReadFile(DaemonBinaryPath()).value_or("").find("__asan_init") != std::string::npos;
     DaemonOptions options;
     if (asan) {
         options.env = {{"LSAN_OPTIONS", "log_threads=1"}};
@@ -339,25 +225,33 @@ TEST(PipelineWorkerEnd, FailedMonitorPollStopsTheDaemonInOrderAfterEventsOfEvery
     ASSERT_TRUE(live.WaitAnswered(DriverOp::Remove, kEndOfScan)) << d.Stderr();
     ASSERT_TRUE(lab.WaitTrace("add retry udev event add(" + refused.DevNum() + ")", 10s));
 
-    // Events the daemon drops (a partition, loop and dm devices, an action it
-    // does not handle, a foreign vendor), then three it hands on: once the
-    // last is answered, everything before it has been handled.
-    for (const BlockDevice *dev : {&part, &loop, &dm}) {
+    lab.driver().Hold(DriverOp::Change);
+    ASSERT_TRUE(live.Send(blocker, "change"));
+    ASSERT_TRUE(lab.driver().WaitHeld(1, 30s));
+    for (const BlockDevice &dev : dropped) {
         for (const char *action : {"add", "change", "remove"}) {
-            ASSERT_TRUE(live.Send(*dev, action)) << dev->name << " " << action;
+            ASSERT_TRUE(live.Send(dev, action)) << dev.name << " " << action;
         }
     }
     ASSERT_TRUE(live.Send(fc, "move"));
     ASSERT_TRUE(live.Send(foreign, "add"));
-    BlockDevice hot = tb.AddFcDisk({.host = 2, .port = 7, .lun = 2});
-    ASSERT_TRUE(live.Send(hot, "add"));
-    ASSERT_TRUE(live.Send(nvme, "change"));
-    ASSERT_TRUE(live.SendRemove(iscsi));
-    ASSERT_TRUE(live.WaitAnswered(DriverOp::Remove, iscsi.DevNum())) << d.Stderr();
-    EXPECT_EQ(Seen(After(lab.driver().Requests(),
-                         [](const DriverRequest &r) { return r.op == DriverOp::Remove && r.DevNum() == kEndOfScan; })),
-              (std::vector<std::string>{Req(DriverOp::Add, hot.DevNum()), Req(DriverOp::Change, nvme.DevNum()),
-                                        Req(DriverOp::Remove, iscsi.DevNum())}));
+    std::vector<std::string> expected;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        for (char action : cases[i].first) {
+            ASSERT_TRUE(live.Send(disks[i], ActionName(action))) << cases[i].first;
+        }
+        for (char action : cases[i].second) {
+            expected.push_back(Req(OpOf(action), disks[i].DevNum()));
+        }
+    }
+    lab.driver().Release();
+    // A last event after the batch: anything of the batch would come before it.
+    ASSERT_TRUE(live.WaitAnswered(DriverOp::Change, blocker.DevNum()));
+    ASSERT_TRUE(live.Send(blocker, "change"));
+    ASSERT_TRUE(live.WaitAnswered(DriverOp::Change, blocker.DevNum(), 2));
+    expected.push_back(Req(DriverOp::Change, blocker.DevNum()));
+    auto blocked = [&](const DriverRequest &r) { return r.op == DriverOp::Change && r.DevNum() == blocker.DevNum(); };
+    EXPECT_EQ(Seen(After(lab.driver().Requests(), blocked)), expected);
 
     ASSERT_TRUE(d.WaitMonitorIdle(30s));
     d.FailNextPoll(ENOMEM);
@@ -368,17 +262,15 @@ TEST(PipelineWorkerEnd, FailedMonitorPollStopsTheDaemonInOrderAfterEventsOfEvery
     EXPECT_EQ(NotifyTexts(lab), (std::vector<std::string>{"READY=1", "STATUS=shutdown"}));
     ExpectNothingLeftBehind(lab);
     EXPECT_EQ(lab.driver().Count(DriverOp::Close), 1u);
-
     auto trace = lab.TraceLog();
     long pollFailed = IndexOf(trace, "poll func run failed.");
+    long monitorFailed = IndexOf(trace, "udev event monitor failed.");
     ASSERT_GE(pollFailed, 0);
-    EXPECT_LT(pollFailed, IndexOf(trace, "udev event monitor failed."));
-    EXPECT_LT(IndexOf(trace, "udev event monitor failed."), IndexOf(trace, "udev event monitor thread stop running."));
+    EXPECT_LT(pollFailed, monitorFailed);
+    EXPECT_LT(monitorFailed, IndexOf(trace, "udev event monitor thread stop running."));
     EXPECT_EQ(IndexOf(trace, "wait stop timeout"), -1) << "a destroyer waited out its time";
     if (asan) {
-        EXPECT_NE(d.Stderr().find("Processing thread"), std::string::npos)
-            << "no sign that LeakSanitizer looked at the daemon's exit:\n"
-            << d.Stderr();
+        EXPECT_NE(d.Stderr().find("Processing thread"), std::string::npos) << "no sign that LeakSanitizer ran";
     }
 }
 
