@@ -66,6 +66,7 @@ TEST(StartFailure, EndsWithShutdownStatusAndNothingLeftBehind)
         EXPECT_EQ(::stat(kPidFilePath, &st) == 0, !row.conversation.empty());
         auto trace = lab.TraceLog();
         EXPECT_GE(IndexOf(trace, row.record), 0) << "no record \"" << row.record << "\"";
+        EXPECT_EQ(IndexOf(trace, "synchronization physical device failed.") >= 0, row.conversation.size() == 2);
         EXPECT_EQ(IndexOf(trace, "wait stop timeout"), -1) << "a thread did not stop when asked";
     }
 }
