@@ -6,6 +6,7 @@
 #include <ctime>
 #include <functional>
 #include <iomanip>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -151,16 +152,13 @@ inline std::vector<int> LabProcesses(Lab &lab)
 {
     const std::string mark = std::string("QMLAB_MISC_SOCKET=") + lab.driver().SocketPath();
     std::vector<int> out;
-    DIR *proc = ::opendir("/proc");
-    while (dirent *e = proc != nullptr ? ::readdir(proc) : nullptr) {
+    std::unique_ptr<DIR, int (*)(DIR *)> proc(::opendir("/proc"), ::closedir);
+    while (dirent *e = proc ? ::readdir(proc.get()) : nullptr) {
         bool pid = e->d_name[0] >= '1' && e->d_name[0] <= '9';
         if (pid && ('\0' + ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""))
                            .find('\0' + mark + '\0') != std::string::npos) {
             out.push_back(std::atoi(e->d_name));
         }
-    }
-    if (proc != nullptr) {
-        ::closedir(proc);
     }
     return out;
 }

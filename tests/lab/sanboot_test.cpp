@@ -73,10 +73,7 @@ TEST(SanbootStart, OnlyTheBootDiskIsTakenOverAndReadinessWaitsForItsPartition)
         BlockDevice noWwn = tb.AddLocalDisk({.id = {.wwn = ""}});
         BlockDevice nvme = tb.AddNvmeNamespace(tb.AddNvmeController());  // "eui." WWN: never the boot disk's form
         lab.sandbox().AddByUuidLink("0b6c1f3e-near-miss", boot.name + "10");
-        std::vector<std::string> args = {kBootWwn};
-        if (withPartition) {
-            args.push_back(boot.name + "1");
-        }
+        auto args = withPartition ? std::vector<std::string>{kBootWwn, boot.name + "1"} : std::vector{kBootWwn};
         Daemon &d = live.Start({.args = args, .timeSpeed = 5});
         ASSERT_TRUE(live.WaitAnswered(DriverOp::Add, noWwn.DevNum(), 1, 60s)) << d.Stderr();
         if (withPartition) {
