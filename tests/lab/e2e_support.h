@@ -134,6 +134,13 @@ inline std::string DriverRecord(const std::string &text, const std::string &acti
     return "device{" + text + "} action{" + action + "} with ret{" + std::to_string(status) + "}.";
 }
 
+// How the daemon ended ("exit 1", ...), or "still running" at the deadline.
+inline std::string ExitOf(Daemon &d, Clock::duration timeout)
+{
+    auto status = d.WaitExit(timeout);
+    return status ? status->Describe() : "still running";
+}
+
 inline std::vector<std::string> NotifyTexts(Lab &lab, int pid = 0)
 {
     EXPECT_TRUE(lab.sandbox().Notify().Sync());

@@ -56,9 +56,7 @@ TEST(StartFailure, EndsWithShutdownStatusAndNothingLeftBehind)
         lab.testbed().AddLocalDisk();
         row.script(lab.driver());
         Daemon &d = lab.Start();
-        auto status = d.WaitExit(25s);
-        ASSERT_TRUE(status.has_value()) << "the daemon hangs";
-        EXPECT_EQ(status->Describe(), "exit 1") << d.Stderr();
+        EXPECT_EQ(ExitOf(d, 25s), "exit 1") << d.Stderr();
         EXPECT_EQ(NotifyTexts(lab), std::vector<std::string>{"STATUS=shutdown"});
         ExpectNothingLeftBehind(lab);
         EXPECT_EQ(Seen(lab.driver().Requests(), true), row.conversation);
@@ -143,9 +141,7 @@ TEST(Startup, ScanBatchThenLiveEventsThenReadyAndASecondInstanceIsRefused)
 
     // A second instance is refused and leaves the pid file alone.
     Daemon &second = lab.Start();
-    auto status = second.WaitExit(60s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(status->Describe(), "exit 1") << second.Stderr();
+    EXPECT_EQ(ExitOf(second, 60s), "exit 1") << second.Stderr();
     EXPECT_EQ(NotifyTexts(lab, second.Pid()), std::vector<std::string>{"STATUS=shutdown"});
     EXPECT_EQ(ReadFile(kPidFilePath), PidFileText(d.Pid()));
     EXPECT_TRUE(d.Running());

@@ -144,9 +144,7 @@ TEST(Storm, MixedEventsForAThousandDisksReachTheDriverAsTheRulesAllow)
     ASSERT_TRUE(d.WaitMonitorIdle(30s));
     d.FailNextPoll(ENOMEM);
     tb.Emit(poke.syspath, "change", 5s);
-    auto status = d.WaitExit(60s);
-    ASSERT_TRUE(status.has_value()) << "the daemon did not stop after its monitor thread ended";
-    EXPECT_EQ(status->Describe(), "exit 0") << d.Stderr();
+    EXPECT_EQ(ExitOf(d, 60s), "exit 0") << d.Stderr();
 
     // The outcomes in the trace, after the scan's one ADD per disk.
     std::vector<Event> outcomes;
