@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "mpi_usr_if.h"
 #include "raii.h"
@@ -80,11 +79,6 @@ int FindProductKey(const char *keyName)
 }
 
 }  // namespace
-
-const UdevListHead *UDEV_GetProductList()
-{
-    return &g_productList;
-}
 
 UdevProductNode *UDEV_AllocProductNode()
 {
@@ -199,16 +193,15 @@ void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
     if (*vendorsUnit != 1) {
         return;
     }
-    UdevProductNode *node = UDEV_AllocProductNode();
-    if (node == nullptr) {
+    MallocPtr<UdevProductNode> node(UDEV_AllocProductNode());
+    if (!node) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc failed");
         return;
     }
-    if (!UDEV_DivisionString(buffer, bufferLen, node)) {
-        std::free(node);
+    if (!UDEV_DivisionString(buffer, bufferLen, node.get())) {
         return;
     }
-    UDEV_ListAddTail(&node->list, &g_productList);
+    UDEV_ListAddTail(&node.release()->list, &g_productList);
 }
 
 void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
@@ -236,24 +229,16 @@ void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferInd
     *bufferIndex = 0;
 }
 
-namespace {
-
-// The vendor list file; tests point it at files of their own.
-const char *g_vendorConfigPath = UDEV_VENDOR_CONFIG_PATH;
-
-}  // namespace
+bool UDEV_InitConfig()
+{
+    return UDEV_InitConfigFromPath(UDEV_VENDOR_CONFIG_PATH);
+}
 
 bool UDEV_InitConfigFromPath(const char *path)
 {
     MPI_AssertNotNull(path);
-    ScopedValue<const char *> at(g_vendorConfigPath, path);
-    return UDEV_InitConfig();
-}
-
-bool UDEV_InitConfig()
-{
     UDEV_ReleaseConfig();
-    FilePtr file(std::fopen(g_vendorConfigPath, "rb+"));
+    FilePtr file(std::fopen(path, "rb+"));
     if (file == nullptr) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "open file failed.");
         return false;

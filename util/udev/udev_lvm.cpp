@@ -14,10 +14,14 @@
 // A failed run re-arms the request; the retry counter belongs to the
 // thread and is not reset by a success, so failures add up across requests
 // until the sixth since the last reset gives up.
+//
+// The driver's block major, which tells a new virtual disk, is read from
+// /proc/devices here too and cached for the handle thread, its only reader.
 #include "udev_lvm.h"
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,7 +29,8 @@
 #include <unistd.h>
 
 #include "mpi_usr_if.h"
-#include "udev_log.h"
+#include "raii.h"
+#include "securec.h"
 #include "udev_thread.h"
 #include "util_ret.h"
 
@@ -35,13 +40,9 @@ std::atomic<uint8_t> g_lvmRequest{0};
 std::atomic<unsigned> g_lvmTicks{0};
 UdevWorker g_lvmWorker;
 
-std::atomic<const char *> g_lvmCommand{nullptr};
-
-const char *UDEV_LvmCommand()
-{
-    const char *command = g_lvmCommand.load(std::memory_order_relaxed);
-    return command != nullptr ? command : UDEV_LVM_COMMAND;
-}
+const char *const VLUN_MAJOR_COMMAND =
+    "cat /proc/devices 2>/dev/null | grep '[[:blank:]]quillmesh$' | awk -F ' ' '{print $1}'";
+char g_vlunMajor[UDEV_MAJOR_LEN] = {0};  // handle thread only
 
 }  // namespace
 
@@ -72,7 +73,12 @@ void UDEV_ActivateLvmTick()
 
 int UDEV_RunActivateLvmCommand()
 {
-    const char *command = UDEV_LvmCommand();
+    return UDEV_RunActivateLvmCommandOf(UDEV_LVM_COMMAND);
+}
+
+int UDEV_RunActivateLvmCommandOf(const char *command)
+{
+    MPI_AssertNotNull(command);
     int status = 0;
     {
         // lvm may take long; a shutdown must not wait for it.
@@ -88,12 +94,17 @@ int UDEV_RunActivateLvmCommand()
 
 bool UDEV_ActivateLvmCheck(int *retryCount)
 {
+    return UDEV_ActivateLvmCheckWith(retryCount, UDEV_LVM_COMMAND);
+}
+
+bool UDEV_ActivateLvmCheckWith(int *retryCount, const char *command)
+{
     MPI_AssertNotNull(retryCount);
     if (!UDEV_ActivateLvmDue()) {
         return false;
     }
     UDEV_ClearActivateLvmRequest();
-    int ret = UDEV_RunActivateLvmCommand();
+    int ret = UDEV_RunActivateLvmCommandOf(command);
     if (ret != UDEV_RET_OK && *retryCount <= UDEV_LVM_MAX_RETRY) {
         UDEV_RequestActivateLvm();  // the next try comes five ticks later
         ++*retryCount;
@@ -148,12 +159,30 @@ void UDEV_DestoryActivateLvm()
     (void)UDEV_StopWorker(g_lvmWorker, false);
 }
 
-int UDEV_GetActivateLvmState()
+const char *UDEV_GetVlunMajorFromFile()
 {
-    return g_lvmWorker.state.load(std::memory_order_acquire);
-}
-
-void UDEV_SetLvmCommandForTest(const char *command)
-{
-    g_lvmCommand.store(command, std::memory_order_relaxed);
+    // Re-run while empty: the driver may register its major later.
+    if (g_vlunMajor[0] != '\0') {
+        return g_vlunMajor;
+    }
+    PipePtr pipe(popen(VLUN_MAJOR_COMMAND, "r"));
+    if (!pipe) {
+        MPI_Log(MPI_LOG_ERROR, "run command{%s} failed.\n", VLUN_MAJOR_COMMAND);
+        return nullptr;
+    }
+    // fgets leaves its buffer undefined on a read error, so the cache only
+    // takes a line that was read whole.
+    char line[UDEV_MAJOR_LEN] = {0};
+    if (std::fgets(line, sizeof(line), pipe.get()) != nullptr) {
+        size_t length = strnlen(line, sizeof(line));
+        if (length > 0 && line[length - 1] == '\n') {
+            line[length - 1] = '\0';
+        }
+        if (strcpy_s(g_vlunMajor, sizeof(g_vlunMajor), line) != EOK) {
+            g_vlunMajor[0] = '\0';
+        }
+    }
+    pipe.reset();
+    MPI_Log(MPI_LOG_INFO, "get major{%s} form /proc/devices.\n", g_vlunMajor);
+    return g_vlunMajor;
 }

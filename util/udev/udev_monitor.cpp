@@ -24,7 +24,6 @@
 #include "mpi_usr_if.h"
 #include "raii.h"
 #include "udev_event.h"
-#include "udev_log.h"
 #include "udev_thread.h"
 #include "util_ret.h"
 
@@ -79,13 +78,13 @@ void UDEV_MonitorSendEvent(struct udev_device *udevDev)
 {
     MPI_AssertNotNull(udevDev);
     UdevDevicePtr device(udevDev);
-    UdevEventNode *eventNode = UDEV_AllocEventNode();
-    if (eventNode == nullptr) {
+    UdevEventNodePtr eventNode(UDEV_AllocEventNode());
+    if (!eventNode) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc event udev failed.");
         return;
     }
     eventNode->udevDev = device.release();  // the node owns the reference now
-    UDEV_AddEventNode(eventNode);
+    UDEV_AddEventNode(eventNode.release());
 }
 
 void UDEV_MonitorObtainEvent(struct udev_monitor *monitor)
@@ -196,9 +195,4 @@ void UDEV_DestoryMonitorThread()
     if (!UDEV_StopWorker(g_monitor, true)) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev monitor thread wait stop timeout.");
     }
-}
-
-int UDEV_GetMonitorThreadState()
-{
-    return g_monitor.state.load(std::memory_order_acquire);
 }

@@ -15,15 +15,36 @@
 // noexcept and none swallows the unwind with catch (...).
 #include "udev_thread.h"
 
+#include <ctime>
+
 #include <pthread.h>
 #include <unistd.h>
 
 namespace {
 
+// Only ever goes from 0 to 1; a relaxed atomic so that the threads' reads
+// are defined.
+std::atomic<int> g_stopFlag{0};
+
 // Set by the initial thread only (the destroyers), read by it too.
 bool g_workerAdrift = false;
 
 }  // namespace
+
+void UDEV_SetStop()
+{
+    g_stopFlag.store(1, std::memory_order_relaxed);
+}
+
+bool UDEV_IsStop()
+{
+    return g_stopFlag.load(std::memory_order_relaxed) != 0;
+}
+
+int64_t UDEV_GetTime()
+{
+    return static_cast<int64_t>(time(nullptr));
+}
 
 bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning)
 {

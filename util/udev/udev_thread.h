@@ -1,11 +1,20 @@
-// What the three worker threads share: run states, the creator's and
-// destroyer's 100 ms x 300 wait, and cancellation confined to the points
-// where a thread blocks.
+// What the three worker threads share: the stop flag, the clock, run
+// states, the creator's and destroyer's 100 ms x 300 wait, and cancellation
+// confined to the points where a thread blocks.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include <pthread.h>
+
+// The single stop signal of the main loop and every worker thread. Any
+// thread may set it; it is never cleared while the process runs.
+void UDEV_SetStop();
+bool UDEV_IsStop();
+
+// The `time` clock in seconds (the retry wait of the event pipeline).
+int64_t UDEV_GetTime();
 
 constexpr int UDEV_THREAD_INIT = 0;
 constexpr int UDEV_THREAD_START = 1;

@@ -1,5 +1,7 @@
 // Platform interface: the logging and parameter-check macros, the trace
-// descriptor, and the few platform helpers that travel with them.
+// descriptor, the two sinks of a record (trace file, system log) and the
+// syslog-mode flag that chooses between them, and the few platform helpers
+// that travel with them.
 #pragma once
 
 #include <cstdarg>
@@ -47,6 +49,17 @@ void MPI_WriteTraceRecord(int level, const char *func, int line, const char *for
     __attribute__((format(printf, 4, 5)));
 void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *format, va_list argList)
     __attribute__((format(printf, 4, 0)));
+
+// The system-log sink: one LOG_INFO record under the ident "qmudev",
+// whatever the level; a message of 1024 characters or more is replaced by
+// "vsnprintf failed.".
+void UDEV_Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void UDEV_VSyslog(const char *format, va_list argList) __attribute__((format(printf, 1, 0)));
+
+// Syslog mode: chosen once from the command line before any thread exists.
+void UDEV_SetSyslogMode();
+void UDEV_ClearSyslogMode();
+bool UDEV_IsSyslogMode();
 
 #define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
 
