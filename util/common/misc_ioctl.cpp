@@ -99,27 +99,33 @@ bool NeedLenAcceptable(uint32_t needLen)
     return true;
 }
 
-}  // namespace
-
-int INTF_UTIL_MiscIoctlInit()
+// Both opens; `func` names the entry point in the records.
+int UTIL_MiscOpen(const char *path, const char *func)
 {
-    return INTF_UTIL_MiscIoctlInitAt(MISC_DEVICE_PATH);
-}
-
-int INTF_UTIL_MiscIoctlInitAt(const char *path)
-{
-    MPI_AssertNotNull(path);
     if (IsOpen()) {
-        MPI_Log(MPI_LOG_WARN, "already open /dev/%s.\n", MISC_DEVICE_NAME);
+        MPI_LogAs(func, MPI_LOG_WARN, "already open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_OK;
     }
     int fd = ::open(path, O_RDWR);
     g_miscFd.store(fd, std::memory_order_relaxed);
     if (fd < 0) {
-        MPI_Log(MPI_LOG_ERROR, "Failed to open /dev/%s.\n", MISC_DEVICE_NAME);
+        MPI_LogAs(func, MPI_LOG_ERROR, "Failed to open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;
+}
+
+}  // namespace
+
+int INTF_UTIL_MiscIoctlInit()
+{
+    return UTIL_MiscOpen(MISC_DEVICE_PATH, __func__);
+}
+
+int INTF_UTIL_MiscIoctlInitAt(const char *path)
+{
+    MPI_AssertNotNull(path);
+    return UTIL_MiscOpen(path, __func__);
 }
 
 void INTF_UTIL_MiscIoctlClose()

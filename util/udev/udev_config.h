@@ -21,6 +21,10 @@ struct UdevProductNode {
 bool UDEV_InitConfig();  // from UDEV_VENDOR_CONFIG_PATH
 // The same from another file; the rules read replace those loaded before.
 bool UDEV_InitConfigFromPath(const char *path);
+// A file's rules onto a list of the caller's (emptied first), the loaded
+// configuration untouched; UDEV_DeleteProductList frees them.
+bool UDEV_ReadConfigInto(const char *path, UdevListHead *rules);
+void UDEV_DeleteProductList(UdevListHead *rules);
 void UDEV_ReleaseConfig();
 bool UDEV_DeviceIsSupport(const char *vendor, const char *product);
 bool UDEV_MatchProductStr(const char *vendor, const char *product, const UdevProductNode *node);

@@ -84,6 +84,28 @@ void RunMainLoop()
     }
 }
 
+// Both locks; `func` names the entry point in the records.
+bool LockPidFile(const char *path, const char *func)
+{
+    UniqueFd fd(::open(path, O_WRONLY | O_CREAT, UDEV_PID_FILE_MODE));
+    if (!fd) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "can't open %s: %s\n", path, std::strerror(errno));
+        std::exit(UDEV_EXIT_FAIL);
+    }
+    if (UDEV_LockFile(fd.get()) < 0) {
+        if (errno == EACCES || errno == EAGAIN) {
+            return false;  // another instance runs; it says so itself
+        }
+        MPI_LogAs(func, MPI_LOG_ERROR, "can't lock %s: %s\n", path, std::strerror(errno));
+        std::exit(UDEV_EXIT_FAIL);
+    }
+    if (!WritePid(fd.get())) {
+        return false;
+    }
+    g_pidLockFd = std::move(fd);
+    return true;
+}
+
 // How far start-up got; each stage holds what the ones before it made.
 enum class InitStage { MISC_OPEN, CONFIG_READ, EVENTS_READY };
 
@@ -187,29 +209,13 @@ bool UDEV_Init()
 
 bool UDEV_CheckRunning()
 {
-    return UDEV_CheckRunningAt(UDEV_PID_FILE);
+    return LockPidFile(UDEV_PID_FILE, __func__);
 }
 
 bool UDEV_CheckRunningAt(const char *path)
 {
     MPI_AssertNotNull(path);
-    UniqueFd fd(::open(path, O_WRONLY | O_CREAT, UDEV_PID_FILE_MODE));
-    if (!fd) {
-        MPI_Log(MPI_LOG_ERROR, "can't open %s: %s\n", path, std::strerror(errno));
-        std::exit(UDEV_EXIT_FAIL);
-    }
-    if (UDEV_LockFile(fd.get()) < 0) {
-        if (errno == EACCES || errno == EAGAIN) {
-            return false;  // another instance runs; it says so itself
-        }
-        MPI_Log(MPI_LOG_ERROR, "can't lock %s: %s\n", path, std::strerror(errno));
-        std::exit(UDEV_EXIT_FAIL);
-    }
-    if (!WritePid(fd.get())) {
-        return false;
-    }
-    g_pidLockFd = std::move(fd);
-    return true;
+    return LockPidFile(path, __func__);
 }
 
 int UDEV_LockFile(int fd)

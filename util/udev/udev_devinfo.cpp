@@ -26,17 +26,18 @@ bool UDEV_AppendDevInfo(UdevEventNode *eventNode, const char *format, ...)
     return ret != -1;
 }
 
-int UDEV_AppendDevInfoHctl(UdevEventNode *eventNode, const char *word, const char *name)
+int UDEV_AppendDevInfoHctl(UdevEventNode *eventNode, const char *word, const char *name, const char *func)
 {
     if (!UDEV_AppendDevInfo(eventNode, "%d:%d:%d:%d", eventNode->host, eventNode->channel, eventNode->target,
                             eventNode->lun)) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s HCTL to devinfo failed for %s{%s}.\n", word, name);
+        MPI_LogAs(func, MPI_LOG_ERROR, "sprintf_s HCTL to devinfo failed for %s{%s}.\n", word, name);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;
 }
 
-int UDEV_CheckVendorProduct(struct udev_device *udevDev, UdevVendorProductReader read, UdevVendorProduct *found)
+int UDEV_CheckVendorProduct(struct udev_device *udevDev, UdevVendorProductReader read, UdevVendorProduct *found,
+                            const char *func)
 {
     MPI_AssertNotNull(found);
     *found = {};
@@ -44,7 +45,8 @@ int UDEV_CheckVendorProduct(struct udev_device *udevDev, UdevVendorProductReader
         return UDEV_RET_FAIL;
     }
     if (!UDEV_DeviceIsSupport(found->vendor, found->product)) {
-        MPI_Log(MPI_LOG_ERROR, "check the vendor{%s} product{%s} is not support.\n", found->vendor, found->product);
+        MPI_LogAs(func, MPI_LOG_ERROR, "check the vendor{%s} product{%s} is not support.\n", found->vendor,
+                  found->product);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;

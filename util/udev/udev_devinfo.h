@@ -17,8 +17,9 @@ struct UdevEventNode;
 bool UDEV_AppendDevInfo(UdevEventNode *eventNode, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Appends "host:channel:target:lun" from the node's fields. A text that does
-// not fit is logged for the protocol `word` and the device `name`.
-int UDEV_AppendDevInfoHctl(UdevEventNode *eventNode, const char *word, const char *name);
+// not fit is logged for the protocol `word` and the device `name`, in the
+// name of the caller `func`.
+int UDEV_AppendDevInfoHctl(UdevEventNode *eventNode, const char *word, const char *name, const char *func);
 
 struct UdevVendorProduct {
     char vendor[UTIL_VENDOR_LEN];
@@ -30,5 +31,7 @@ using UdevVendorProductReader = int (*)(struct udev_device *udevDev, char *vendo
 
 // Reads the disk's vendor and product into `found` and checks them against
 // the vendor support list: UDEV_RET_OK when the product takes the disk over,
-// else UDEV_RET_FAIL (a refusal is logged here, a failed read by the reader).
-int UDEV_CheckVendorProduct(struct udev_device *udevDev, UdevVendorProductReader read, UdevVendorProduct *found);
+// else UDEV_RET_FAIL (a refusal is logged here in the name of the caller
+// `func`, a failed read by the reader).
+int UDEV_CheckVendorProduct(struct udev_device *udevDev, UdevVendorProductReader read, UdevVendorProduct *found,
+                            const char *func);

@@ -44,6 +44,42 @@ const char *const VLUN_MAJOR_COMMAND =
     "cat /proc/devices 2>/dev/null | grep '[[:blank:]]quillmesh$' | awk -F ' ' '{print $1}'";
 char g_vlunMajor[UDEV_MAJOR_LEN] = {0};  // handle thread only
 
+// Every run's record names UDEV_RunActivateLvmCommand, whichever command ran.
+int RunLvmCommand(const char *command)
+{
+    int status = 0;
+    {
+        // lvm may take long; a shutdown must not wait for it.
+        UdevCancelPoint cancelPoint;
+        status = std::system(command);
+    }
+    if (status == 0) {
+        return UDEV_RET_OK;
+    }
+    MPI_LogAs("UDEV_RunActivateLvmCommand", MPI_LOG_ERROR, "run command{%s} failed.\n", command);
+    return UDEV_RET_FAIL;
+}
+
+// Both checks; `func` names the entry point in the records.
+bool CheckLvmRequest(int *retryCount, const char *command, const char *func)
+{
+    if (!UDEV_ActivateLvmDue()) {
+        return false;
+    }
+    UDEV_ClearActivateLvmRequest();
+    int ret = RunLvmCommand(command);
+    if (ret != UDEV_RET_OK && *retryCount <= UDEV_LVM_MAX_RETRY) {
+        UDEV_RequestActivateLvm();  // the next try comes five ticks later
+        ++*retryCount;
+    }
+    if (*retryCount > UDEV_LVM_MAX_RETRY) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "%s", "the maximum number of retries has been reached.\n");
+        *retryCount = 0;
+        UDEV_ClearActivateLvmRequest();  // drops the re-arm made just before
+    }
+    return true;
+}
+
 }  // namespace
 
 void UDEV_RequestActivateLvm()
@@ -73,48 +109,20 @@ void UDEV_ActivateLvmTick()
 
 int UDEV_RunActivateLvmCommand()
 {
-    return UDEV_RunActivateLvmCommandOf(UDEV_LVM_COMMAND);
-}
-
-int UDEV_RunActivateLvmCommandOf(const char *command)
-{
-    MPI_AssertNotNull(command);
-    int status = 0;
-    {
-        // lvm may take long; a shutdown must not wait for it.
-        UdevCancelPoint cancelPoint;
-        status = std::system(command);
-    }
-    if (status == 0) {
-        return UDEV_RET_OK;
-    }
-    MPI_Log(MPI_LOG_ERROR, "run command{%s} failed.\n", command);
-    return UDEV_RET_FAIL;
+    return RunLvmCommand(UDEV_LVM_COMMAND);
 }
 
 bool UDEV_ActivateLvmCheck(int *retryCount)
 {
-    return UDEV_ActivateLvmCheckWith(retryCount, UDEV_LVM_COMMAND);
+    MPI_AssertNotNull(retryCount);
+    return CheckLvmRequest(retryCount, UDEV_LVM_COMMAND, __func__);
 }
 
 bool UDEV_ActivateLvmCheckWith(int *retryCount, const char *command)
 {
     MPI_AssertNotNull(retryCount);
-    if (!UDEV_ActivateLvmDue()) {
-        return false;
-    }
-    UDEV_ClearActivateLvmRequest();
-    int ret = UDEV_RunActivateLvmCommandOf(command);
-    if (ret != UDEV_RET_OK && *retryCount <= UDEV_LVM_MAX_RETRY) {
-        UDEV_RequestActivateLvm();  // the next try comes five ticks later
-        ++*retryCount;
-    }
-    if (*retryCount > UDEV_LVM_MAX_RETRY) {
-        MPI_Log(MPI_LOG_ERROR, "%s", "the maximum number of retries has been reached.\n");
-        *retryCount = 0;
-        UDEV_ClearActivateLvmRequest();  // drops the re-arm made just before
-    }
-    return true;
+    MPI_AssertNotNull(command);
+    return CheckLvmRequest(retryCount, command, __func__);
 }
 
 void *UDEV_ActivateLvmThr(void * /* arg */)

@@ -12,7 +12,6 @@ void UDEV_ClearActivateLvmRequest();
 bool UDEV_ActivateLvmDue();
 void UDEV_ActivateLvmTick();
 int UDEV_RunActivateLvmCommand();
-int UDEV_RunActivateLvmCommandOf(const char *command);
 void *UDEV_ActivateLvmThr(void *arg);
 int UDEV_CreateActivateLvm();
 void UDEV_DestoryActivateLvm();

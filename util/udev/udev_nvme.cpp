@@ -127,7 +127,7 @@ int UDEV_NvmeInitEventNodeInfo(struct udev_device *udevDev, UdevEventNode *udevE
 int UDEV_NvmeInitEventNodeManufacturer(struct udev_device *udevDev, UdevEventNode *eventNode)
 {
     UdevVendorProduct found;
-    if (UDEV_CheckVendorProduct(udevDev, INTF_UTIL_GetNvmeVendorProduct, &found) != UDEV_RET_OK) {
+    if (UDEV_CheckVendorProduct(udevDev, INTF_UTIL_GetNvmeVendorProduct, &found, __func__) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
     if (!UDEV_AppendDevInfo(eventNode, "%s %s ", found.vendor, found.product)) {
@@ -151,5 +151,5 @@ int UDEV_NvmeInitEventNodeHctl(struct udev_device *udevDev, UdevEventNode *event
     // Both come from the namespace itself, not from its controller.
     eventNode->lun = UDEV_NvmeAttrToInt(udevDev, "nsid");
     eventNode->channel = UDEV_NvmeAttrToInt(udevDev, "cntlid");
-    return UDEV_AppendDevInfoHctl(eventNode, "nvme", name);
+    return UDEV_AppendDevInfoHctl(eventNode, "nvme", name, __func__);
 }

@@ -115,16 +115,26 @@ int UDEV_HandQmLinuxCfgReadLine(char *line, uint32_t lineLen, void *ctx)
     return UDEV_RET_OK;
 }
 
+namespace {
+
+// Both reads; `func` names the entry point in the records.
+int ReadQmLinuxConfig(const char *path, const char *func)
+{
+    int ret = INTF_UTIL_ReadFileHandleByLine(path, nullptr, UDEV_HandQmLinuxCfgReadLine);
+    if (ret != UDEV_RET_OK) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
+    }
+    return ret;
+}
+
+}  // namespace
+
 int UDEV_InitQmLinuxConfig()
 {
-    return UDEV_InitQmLinuxConfigFromPath(UDEV_QMLINUX_CONFIG_PATH);
+    return ReadQmLinuxConfig(UDEV_QMLINUX_CONFIG_PATH, __func__);
 }
 
 int UDEV_InitQmLinuxConfigFromPath(const char *path)
 {
-    int ret = INTF_UTIL_ReadFileHandleByLine(path, nullptr, UDEV_HandQmLinuxCfgReadLine);
-    if (ret != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
-    }
-    return ret;
+    return ReadQmLinuxConfig(path, __func__);
 }

@@ -108,6 +108,26 @@ int CountBootPartLinks(const char *byUuidDir)
     return count;
 }
 
+// Both readiness checks; `func` names the entry point in the records.
+void PutReady(const char *byUuidDir, const char *func)
+{
+    int state = g_readyState;
+    if (state == UDEV_READY_AT_FIRST_TURN) {
+        MPI_LogAs(func, MPI_LOG_INFO, "%s\n", "qmudev start successfully");
+        SendReady();
+        return;
+    }
+    if (state != UDEV_READY_WAIT_PART) {
+        return;
+    }
+    // No time limit and no back-off: the boot partition may take as long as
+    // the SAN needs, and each turn looks again.
+    if (CountBootPartLinks(byUuidDir) != 0) {
+        MPI_LogAs(func, MPI_LOG_INFO, "has already found root dir{%s}.\n", g_bootPartName);
+        SendReady();
+    }
+}
+
 }  // namespace
 
 int UDEV_ProcessSanbootParameter(int argc, char *argv[])
@@ -167,25 +187,11 @@ bool UDEV_FilterDeviceByWwn(const char *wwn)
 
 void UDEV_PutReady()
 {
-    UDEV_PutReadyIn(UDEV_BY_UUID_DIR);
+    PutReady(UDEV_BY_UUID_DIR, __func__);
 }
 
 void UDEV_PutReadyIn(const char *byUuidDir)
 {
     MPI_AssertNotNull(byUuidDir);
-    int state = g_readyState;
-    if (state == UDEV_READY_AT_FIRST_TURN) {
-        MPI_Log(MPI_LOG_INFO, "%s\n", "qmudev start successfully");
-        SendReady();
-        return;
-    }
-    if (state != UDEV_READY_WAIT_PART) {
-        return;
-    }
-    // No time limit and no back-off: the boot partition may take as long as
-    // the SAN needs, and each turn looks again.
-    if (CountBootPartLinks(byUuidDir) != 0) {
-        MPI_Log(MPI_LOG_INFO, "has already found root dir{%s}.\n", g_bootPartName);
-        SendReady();
-    }
+    PutReady(byUuidDir, __func__);
 }

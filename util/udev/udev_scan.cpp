@@ -107,15 +107,11 @@ UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen,
     return node.release();
 }
 
-void UDEV_SplitHanleDeviceNumber(char *devNumber)
-{
-    UDEV_SplitHanleDeviceNumberInto(devNumber, &g_scanList);
-}
+namespace {
 
-void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList)
+// Both reconciliations; `func` names the entry point in the records.
+void SplitDeviceNumbers(char *devNumber, UdevListHead *scanList, const char *func)
 {
-    MPI_AssertNotNull(devNumber);
-    MPI_AssertNotNull(scanList);
     if (devNumber[0] == '\0') {
         return;
     }
@@ -130,7 +126,7 @@ void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList)
         UdevEventNode *node =
             UDEV_GetEventNodeByDevNum(token, static_cast<uint32_t>(std::strlen(token) + 1), SCAN_REMOVE_ACTION);
         if (node == nullptr) {
-            MPI_Log(MPI_LOG_ERROR, "get node failed for remove %s.\n", token);
+            MPI_LogAs(func, MPI_LOG_ERROR, "get node failed for remove %s.\n", token);
             continue;
         }
         UDEV_ListAddTail(&node->list, scanList);
@@ -138,6 +134,21 @@ void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList)
             indexed = IndexAdd(&index, node);
         }
     }
+}
+
+}  // namespace
+
+void UDEV_SplitHanleDeviceNumber(char *devNumber)
+{
+    MPI_AssertNotNull(devNumber);
+    SplitDeviceNumbers(devNumber, &g_scanList, __func__);
+}
+
+void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList)
+{
+    MPI_AssertNotNull(devNumber);
+    MPI_AssertNotNull(scanList);
+    SplitDeviceNumbers(devNumber, scanList, __func__);
 }
 
 bool UDEV_GetDev()

@@ -82,7 +82,7 @@ int UDEV_ScsiAppendHctl(struct udev_device *scsiDev, UdevEventNode *eventNode)
     }
     MPI_Log(MPI_LOG_DEBUG, "get device{%s} h:c:t:l{%d:%d:%d:%d}.\n", eventNode->devNum, eventNode->host,
             eventNode->channel, eventNode->target, eventNode->lun);
-    return UDEV_AppendDevInfoHctl(eventNode, "scsi", name);
+    return UDEV_AppendDevInfoHctl(eventNode, "scsi", name, __func__);
 }
 
 }  // namespace
@@ -138,7 +138,7 @@ int UDEV_ScsiInitEventNodeInfo(struct udev_device *udevDev, UdevEventNode *event
 int UDEV_ScsiCheckUdevDevIsSupport(struct udev_device *scsiDev, UdevEventNode *eventNode)
 {
     UdevVendorProduct found;
-    if (UDEV_CheckVendorProduct(scsiDev, INTF_UTIL_GetScsiVendorProduct, &found) != UDEV_RET_OK) {
+    if (UDEV_CheckVendorProduct(scsiDev, INTF_UTIL_GetScsiVendorProduct, &found, __func__) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
     if (!UDEV_AppendDevInfo(eventNode, "%s %s ", found.vendor, found.product)) {

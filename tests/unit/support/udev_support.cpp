@@ -8,6 +8,10 @@
 
 #include <libudev.h>
 
+#include <mutex>
+
+#include "support/alloc_fail.h"
+#include "support/sys_wrap.h"
 #include "udev_config.h"
 #include "udev_log.h"
 
@@ -18,6 +22,9 @@ namespace {
 // An event that never comes fails the test through a null device.
 constexpr int EVENT_WAIT_MS = 5000;
 
+// Worker threads log while a test reads.
+std::mutex g_capturedMutex;
+
 std::vector<std::string> &Captured()
 {
     static std::vector<std::string> lines;
@@ -26,6 +33,8 @@ std::vector<std::string> &Captured()
 
 void CaptureSink(const char *text)
 {
+    AllocationBudgetPause unlimited;  // a record logged inside a call that runs out of memory
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     Captured().emplace_back(text);
 }
 
@@ -96,27 +105,32 @@ NodeHolder::NodeHolder(NodeHolder &&other) noexcept : node(other.node), dev(std:
 
 LogCapture::LogCapture()
 {
-    Captured().clear();
-    UDEV_SetSyslogSinkForTest(CaptureSink);
+    {
+        std::lock_guard<std::mutex> lock(g_capturedMutex);
+        Captured().clear();
+    }
+    ReplaceSyslog(CaptureSink);
     UDEV_SetSyslogMode();
 }
 
 LogCapture::~LogCapture()
 {
     UDEV_ClearSyslogMode();
-    UDEV_SetSyslogSinkForTest(nullptr);
+    ReplaceSyslog(nullptr);
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     Captured().clear();
 }
 
-const std::vector<std::string> &LogCapture::Lines() const
+std::vector<std::string> LogCapture::Lines() const
 {
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     return Captured();
 }
 
 size_t LogCapture::Count(const std::string &message) const
 {
     size_t count = 0;
-    for (const std::string &line : Captured()) {
+    for (const std::string &line : Lines()) {
         count += (line == message) ? 1 : 0;
     }
     return count;
@@ -124,7 +138,7 @@ size_t LogCapture::Count(const std::string &message) const
 
 bool LogCapture::Contains(const std::string &fragment) const
 {
-    for (const std::string &line : Captured()) {
+    for (const std::string &line : Lines()) {
         if (line.find(fragment) != std::string::npos) {
             return true;
         }

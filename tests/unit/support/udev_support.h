@@ -52,7 +52,7 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    const std::vector<std::string> &Lines() const;
+    std::vector<std::string> Lines() const;
     size_t Count(const std::string &message) const;
     bool Has(const std::string &message) const { return Count(message) > 0; }
     bool Contains(const std::string &fragment) const;

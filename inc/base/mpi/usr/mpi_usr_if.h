@@ -62,6 +62,10 @@ void UDEV_ClearSyslogMode();
 bool UDEV_IsSyslogMode();
 
 #define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
+// MPI_Log on behalf of the entry point `func`: a helper that does the work
+// of several entry points (one with a fixed path, one given the path) puts
+// its caller's name in the record, as if the work were written there.
+#define MPI_LogAs(func, level, format, ...) MPI_LogWrite((level), (func), __LINE__, format, ##__VA_ARGS__)
 
 // A failed check holds the calling thread for good (no recovery: callers
 // never handle it). The condition's source text goes into the record.
