@@ -234,6 +234,7 @@ void CheckPureHelpers(const Input &in)
 UMockdevTestbed *g_bed = nullptr;
 struct udev *g_udev = nullptr;
 std::string g_root;
+std::string g_vendorListPath;  // the list the daemon loaded, read back by Supported
 bool g_privateMount = false;  // see NewInputDir
 
 void DropTestbed()
@@ -385,6 +386,7 @@ void LoadRules(const Input &in, const std::string &vendor, const std::string &pr
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
     FUZZ_CHECK(UDEV_InitConfigFromPath(path.c_str()), "vendor list not read");
+    g_vendorListPath = path;
 }
 
 bool Supported(const std::string &vendor, const std::string &product)
@@ -398,14 +400,16 @@ bool Supported(const std::string &vendor, const std::string &product)
     while (stripped.size() >= 4 && stripped.compare(stripped.size() - 4, 4, "\\x20") == 0) {
         stripped.resize(stripped.size() - 4);
     }
-    const UdevListHead *head = UDEV_GetProductList();
-    for (const UdevListHead *l = head->next; l != head; l = l->next) {
+    UdevListHead rules;
+    UDEV_ListInit(&rules);
+    FUZZ_CHECK(UDEV_ReadConfigInto(g_vendorListPath.c_str(), &rules), "vendor list not read back");
+    bool found = false;
+    for (const UdevListHead *l = rules.next; l != &rules && !found; l = l->next) {
         const auto *n = reinterpret_cast<const UdevProductNode *>(l);
-        if (vendor == n->vendor_id && stripped == n->product_id) {
-            return true;
-        }
+        found = vendor == n->vendor_id && stripped == n->product_id;
     }
-    return false;
+    UDEV_DeleteProductList(&rules);
+    return found;
 }
 
 bool BareHexPrefix(const std::string &s)

@@ -4,8 +4,9 @@
 //
 // 1. UTIL_MiscAllocDeviceNums on a reply record of a given size (an exact
 //    heap block, so that reading past it is an ASan report).
-// 2. INTF_UTIL_MiscIoctlGet against a fake driver installed with
-//    UTIL_MiscSetForTest. Like a real driver it reads bufLen from the
+// 2. INTF_UTIL_MiscIoctlGet against a fake driver: this binary's ioctl
+//    (-Wl,--wrap=ioctl), with the channel open on /dev/null. Like a real
+//    driver it reads bufLen from the
 //    record and writes at most bufLen bytes of data; what it says in
 //    status, dataLen and needLen is the input's. The fake also checks what
 //    the daemon hands it (request number, bufLen, zeroed data area).
@@ -14,7 +15,7 @@
 //    endless 1038s; after a few rounds the fake stops answering 1038.
 // 3. Add, remove and change with texts from the input (never empty: an
 //    empty text is the same deliberate assertion) and scripted answers.
-// 4. The same calls with the device counted as not open (descriptor 0).
+// 4. The same calls with the device closed.
 //
 // Input layout (all numbers little-endian; missing bytes read as 0):
 //   u32 status, u32 dataLen, u32 needLen, u16 recordSize, u16 n, n bytes   (1)
@@ -40,7 +41,16 @@ namespace {
 constexpr uint32_t kStatusOk = static_cast<uint32_t>(UDEV_RET_OK);
 constexpr uint32_t kStatusShort = static_cast<uint32_t>(UDEV_RET_BUF_SHORT);
 constexpr int kMaxShortRounds = 3;
-constexpr int kFakeFd = 1000;  // never opened: nothing here may close it
+// The driver this binary's ioctl answers as; the channel is open on
+// /dev/null while one is set.
+using IoctlFn = int (*)(int fd, unsigned long request, void *arg);
+IoctlFn g_ioctl = nullptr;
+
+void UseDriver(IoctlFn fn)
+{
+    g_ioctl = fn;
+    (void)INTF_UTIL_MiscIoctlInitAt("/dev/null");
+}
 
 class Reader {
 public:
@@ -141,7 +151,7 @@ int FakeGet(int fd, unsigned long request, void *arg)
 {
     Script &s = g_script;
     s.called = true;
-    if (fd != kFakeFd || request != MISC_IOCTL_GET_DEVNUMS || arg == nullptr) {
+    if (fd <= 0 || request != MISC_IOCTL_GET_DEVNUMS || arg == nullptr) {
         s.failure = "GET issued with the wrong descriptor, request or a null record";
         return -1;
     }
@@ -227,7 +237,7 @@ void CheckGet(Reader &in)
 
     // Each round asks for the length the previous round's needLen gave.
     s.expectLen = 1023;
-    UTIL_MiscSetForTest(kFakeFd, [](int fd, unsigned long request, void *arg) {
+    UseDriver([](int fd, unsigned long request, void *arg) {
         Script &sc = g_script;
         size_t idx = sc.next;
         int ret = FakeGet(fd, request, arg);
@@ -255,7 +265,7 @@ int FakeEvent(int fd, unsigned long request, void *arg)
 {
     Script &s = g_script;
     s.called = true;
-    if (fd != kFakeFd || request != s.expectRequest || arg == nullptr) {
+    if (fd <= 0 || request != s.expectRequest || arg == nullptr) {
         s.failure = "event issued with the wrong descriptor, request or a null record";
         return -1;
     }
@@ -276,7 +286,7 @@ void CheckEvents(Reader &in)
 {
     Script &s = g_script;
     int n = in.Take<uint8_t>() % 6;
-    UTIL_MiscSetForTest(kFakeFd, FakeEvent);
+    UseDriver(FakeEvent);
     for (int i = 0; i < n; ++i) {
         s = Script{};
         int which = in.Take<uint8_t>() % 3;
@@ -313,15 +323,15 @@ void CheckStartAndClosed(Reader &in)
     Script &s = g_script;
     s = Script{};
     s.ret = in.Take<int8_t>();
-    UTIL_MiscSetForTest(kFakeFd, FakeStart);
+    UseDriver(FakeStart);
     int got = INTF_UTIL_MiscIoctlStart();
     FUZZ_CHECK(s.failure.empty(), "fake driver: %s", s.failure.c_str());
     FUZZ_CHECK(got == (s.ret < 0 ? UDEV_RET_FAIL : UDEV_RET_OK), "start with ioctl %d returned %d", s.ret, got);
 
-    // A descriptor of 0 counts as not open: nothing reaches the driver.
-    for (int fd : {0, -1}) {
+    // Closed: nothing reaches the driver.
+    INTF_UTIL_MiscIoctlClose();
+    {
         s = Script{};
-        UTIL_MiscSetForTest(fd, FakeStart);
         FUZZ_CHECK(INTF_UTIL_MiscIoctlStart() == UDEV_RET_FAIL, "start on a closed device did not fail");
         FUZZ_CHECK(INTF_UTIL_MiscIoctlGet() == nullptr, "GET on a closed device returned a list");
         FUZZ_CHECK(INTF_UTIL_MiscIoctlAdd("8:32 scsi V P 1:0:0:1") == UDEV_RET_FAIL, "add on a closed device");
@@ -364,6 +374,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     CheckEvents(in);
     CheckStartAndClosed(in);
     CheckCtrlNode(in);
-    UTIL_MiscSetForTest(-1, nullptr);
+    INTF_UTIL_MiscIoctlClose();
+    g_ioctl = nullptr;
     return 0;
+}
+
+extern "C" int __real_ioctl(int fd, unsigned long request, ...);
+
+extern "C" int __wrap_ioctl(int fd, unsigned long request, void *arg)
+{
+    return g_ioctl != nullptr ? g_ioctl(fd, request, arg) : __real_ioctl(fd, request, arg);
 }

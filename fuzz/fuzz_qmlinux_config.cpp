@@ -210,7 +210,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             return 0;  // would hold this thread in the deliberate assertion
         }
     }
-    UDEV_ResetQmLinuxConfigForTest();
+    // Each input starts from the defaults, put back through the update.
+    for (const Setting &s : kSettings) {
+        FUZZ_CHECK(UDEV_UpdateQmLinuxCfg(s.name, s.def) == UDEV_RET_OK, "default of %s refused", s.name);
+    }
     int ret = UDEV_InitQmLinuxConfigFromPath(file.Path());
     FUZZ_CHECK(ret == UDEV_RET_OK, "UDEV_InitQmLinuxConfigFromPath returned %d", ret);
     int32_t expect[4];

@@ -190,10 +190,14 @@ bool ReferenceSupported(const std::vector<Rule> &rules, const std::string &vendo
     return false;
 }
 
-std::vector<Rule> LoadedRules()
+// The rules of the file read onto a list of its own.
+std::vector<Rule> LoadedRules(const char *path)
 {
+    UdevListHead list;
+    UDEV_ListInit(&list);
+    FUZZ_CHECK(UDEV_ReadConfigInto(path, &list), "UDEV_ReadConfigInto could not read %s", path);
+    const UdevListHead *head = &list;
     std::vector<Rule> rules;
-    const UdevListHead *head = UDEV_GetProductList();
     size_t guard = 0;
     for (const UdevListHead *link = head->next; link != head; link = link->next) {
         FUZZ_CHECK(++guard < 100000, "rule list does not close");
@@ -207,6 +211,8 @@ std::vector<Rule> LoadedRules()
         }
         rules.push_back(r);
     }
+    UDEV_DeleteProductList(&list);
+    FUZZ_CHECK(UDEV_ListEmpty(&list), "UDEV_DeleteProductList left rules in the list");
     return rules;
 }
 
@@ -282,7 +288,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     FUZZ_CHECK(UDEV_InitConfigFromPath(file.Path()), "UDEV_InitConfigFromPath could not read %s", file.Path());
     std::vector<Rule> expect = ReferenceRead(data, size);
-    std::vector<Rule> got = LoadedRules();
+    std::vector<Rule> got = LoadedRules(file.Path());
     bool same = got.size() == expect.size();
     for (size_t i = 0; same && i < got.size(); ++i) {
         for (int k = 0; k < 4; ++k) {
@@ -322,7 +328,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
 
     UDEV_ReleaseConfig();
-    FUZZ_CHECK(UDEV_ListEmpty(UDEV_GetProductList()), "UDEV_ReleaseConfig left rules in the list");
     FUZZ_CHECK(!UDEV_DeviceIsSupport("VENDOR", "PRODUCT"), "an empty list supports a disk");
 
     FuzzHelpers(data, size);

@@ -1,5 +1,5 @@
-// The device-information text of an event node. Written by the thread that
-// holds the node (the start-up scan or the handle thread), so no lock.
+// The texts of an event node. Written by the thread that holds the node
+// (the start-up scan or the handle thread), so no lock.
 #include "udev_devinfo.h"
 
 #include <cstdarg>
@@ -11,6 +11,16 @@
 #include "udev_config.h"
 #include "udev_event.h"
 #include "util_ret.h"
+
+int UDEV_SetEventAction(UdevEventNode *eventNode, const char *action, const char *func)
+{
+    MPI_AssertNotNull(eventNode);
+    if (memcpy_s(eventNode->action, sizeof(eventNode->action), action, std::strlen(action)) != EOK) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", action);
+        return UDEV_RET_FAIL;
+    }
+    return UDEV_RET_OK;
+}
 
 bool UDEV_AppendDevInfo(UdevEventNode *eventNode, const char *format, ...)
 {

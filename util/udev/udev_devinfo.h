@@ -1,7 +1,7 @@
-// The device-information text of an event node as the protocols fill it:
-// appends behind what it already holds, bounded by its 128 bytes, and the
-// vendor check that every protocol makes before it appends the disk's
-// vendor and product.
+// The texts of an event node as enrichment and the protocols fill them:
+// the action word, appends to the device-information text behind what it
+// already holds (bounded by its 128 bytes), and the vendor check that every
+// protocol makes before it appends the disk's vendor and product.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,10 @@
 
 struct udev_device;
 struct UdevEventNode;
+
+// Copies the action word without its terminator (the zero-filled record
+// supplies one). A failure is logged in the name of the caller `func`.
+int UDEV_SetEventAction(UdevEventNode *eventNode, const char *action, const char *func);
 
 // Appends the formatted text to the node's devInfo; false (nothing
 // appended) when it does not fit. A devInfo without a terminator leaves no

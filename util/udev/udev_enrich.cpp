@@ -9,6 +9,7 @@
 
 #include "mpi_usr_if.h"
 #include "securec.h"
+#include "udev_devinfo.h"
 #include "udev_event.h"
 #include "udev_protocol.h"
 #include "udev_sanboot.h"
@@ -112,13 +113,8 @@ int UDEV_InitAddEventNode(struct udev_device *udevDev, UdevEventNode *eventNode)
 int UDEV_InitRemoveEventNode(UdevEventNode *eventNode)
 {
     MPI_AssertNotNull(eventNode);
-    // The driver knows a removed disk by devNum alone; the zero-filled
-    // record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "remove", 6) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "remove");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    // The driver knows a removed disk by devNum alone.
+    return UDEV_SetEventAction(eventNode, "remove", __func__);
 }
 
 int UDEV_InitChangeEventNode(UdevEventNode *eventNode)
@@ -134,9 +130,5 @@ int UDEV_InitChangeEventNode(UdevEventNode *eventNode)
         MPI_Log(MPI_LOG_DEBUG, "filter change event{%s}.\n", eventNode->devNum);
         return UDEV_RET_FAIL;
     }
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "change", 6) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "change");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_SetEventAction(eventNode, "change", __func__);
 }

@@ -344,18 +344,7 @@ void *UDEV_HandleThr(void * /* arg */)
 
 int UDEV_CreateHandleThread()
 {
-    int err = 0;
-    switch (UDEV_StartWorker(g_handle, UDEV_HandleThr, &err)) {
-        case UdevStartResult::STARTED:
-            return UDEV_RET_OK;
-        case UdevStartResult::CREATE_FAILED:
-            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev handle thread: %s\n", strerror(err));
-            return UDEV_RET_FAIL;
-        case UdevStartResult::START_TIMEOUT:
-            break;
-    }
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev handle thread success but wait run timeout.");
-    return UDEV_RET_FAIL;
+    return UDEV_CreateWorker(g_handle, UDEV_HandleThr, "qmudev handle thread", __func__);
 }
 
 // Stop flag, wake-up, then cancel at once: the thread is normally asleep in

@@ -144,18 +144,7 @@ void *UDEV_ActivateLvmThr(void * /* arg */)
 
 int UDEV_CreateActivateLvm()
 {
-    int err = 0;
-    switch (UDEV_StartWorker(g_lvmWorker, UDEV_ActivateLvmThr, &err)) {
-        case UdevStartResult::STARTED:
-            return UDEV_RET_OK;
-        case UdevStartResult::CREATE_FAILED:
-            MPI_Log(MPI_LOG_ERROR, "failed to create activate Lvm thread: %s\n", strerror(err));
-            return UDEV_RET_FAIL;
-        case UdevStartResult::START_TIMEOUT:
-            break;
-    }
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "create activate Lvm thread success but wait run timeout.");
-    return UDEV_RET_FAIL;
+    return UDEV_CreateWorker(g_lvmWorker, UDEV_ActivateLvmThr, "activate Lvm thread", __func__);
 }
 
 // No wait: the thread only sleeps or runs lvm, and holds nothing that the

@@ -170,20 +170,9 @@ void *UDEV_MonitorThr(void * /* arg */)
 
 int UDEV_CreateMonitorThread()
 {
-    int err = 0;
     // A thread whose set-up failed has already ended (and set the stop
     // flag): that still counts as started.
-    switch (UDEV_StartWorker(g_monitor, UDEV_MonitorThr, &err)) {
-        case UdevStartResult::STARTED:
-            return UDEV_RET_OK;
-        case UdevStartResult::CREATE_FAILED:
-            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev monitor thread: %s\n", strerror(err));
-            return UDEV_RET_FAIL;
-        case UdevStartResult::START_TIMEOUT:
-            break;
-    }
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev monitor thread success but wait run timeout.");
-    return UDEV_RET_FAIL;
+    return UDEV_CreateWorker(g_monitor, UDEV_MonitorThr, "qmudev monitor thread", __func__);
 }
 
 // The thread normally sits in poll, where cancellation is open; its RAII

@@ -76,12 +76,7 @@ int UDEV_NvmeInitAddEventNodeInfo(struct udev_device *udevDev, UdevEventNode *ev
     if (UDEV_NvmeInitEventNodeInfo(udevDev, eventNode) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    // Three letters only: the zero-filled record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "add", 3) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "add");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_SetEventAction(eventNode, "add", __func__);
 }
 
 void UDEV_NvmeHandleAddFinish(UdevEventNode * /* eventNode */)

@@ -103,12 +103,7 @@ int UDEV_ScsiInitAddEventNodeInfo(struct udev_device *udevDev, UdevEventNode *ev
     if (UDEV_ScsiInitEventNodeInfo(udevDev, eventNode) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    // Three letters only: the zero-filled record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "add", 3) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "add");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_SetEventAction(eventNode, "add", __func__);
 }
 
 void UDEV_ScsiHandleAddFinish(UdevEventNode *eventNode)

@@ -15,10 +15,14 @@
 // noexcept and none swallows the unwind with catch (...).
 #include "udev_thread.h"
 
+#include <cstring>
 #include <ctime>
 
 #include <pthread.h>
 #include <unistd.h>
+
+#include "mpi_usr_if.h"
+#include "util_ret.h"
 
 namespace {
 
@@ -92,6 +96,22 @@ UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *
     (void)pthread_detach(worker.thread);
     worker.live = false;
     return UdevStartResult::START_TIMEOUT;
+}
+
+int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), const char *name, const char *func)
+{
+    int err = 0;
+    switch (UDEV_StartWorker(worker, run, &err)) {
+        case UdevStartResult::STARTED:
+            return UDEV_RET_OK;
+        case UdevStartResult::CREATE_FAILED:
+            MPI_LogAs(func, MPI_LOG_ERROR, "failed to create %s: %s\n", name, strerror(err));
+            return UDEV_RET_FAIL;
+        case UdevStartResult::START_TIMEOUT:
+            break;
+    }
+    MPI_LogAs(func, MPI_LOG_ERROR, "create %s success but wait run timeout.\n", name);
+    return UDEV_RET_FAIL;
 }
 
 bool UDEV_StopWorker(UdevWorker &worker, bool waitStop)
