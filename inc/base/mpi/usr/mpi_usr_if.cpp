@@ -40,6 +40,11 @@ char g_filePath[MPI_PATH_LEN];  // MPI_GetFilePath's buffer: start-up only
 
 constexpr uint32_t kRecordKeyMagic = 0x5342;
 constexpr uint32_t kTimeTextLen = 40;
+// Longer than any record of the daemon (a whole configuration line and its
+// message); a longer text reaches the sink cut.
+constexpr size_t kSinkTextLen = 4096;
+
+std::atomic<MPI_LogSink> g_logSink{nullptr};
 
 constexpr const char *kModuleNames[] = {
     "MPI",   "BAL",      "KLS",       "KCF",      "USI",   "LPM",   "VDS",       "LBS",      "PIA",
@@ -118,8 +123,28 @@ MPI_LogDesc *MPI_GetLogDesc(uint32_t moduleId)
     return &g_logDesc;
 }
 
+MPI_LogSink MPI_SetLogSink(MPI_LogSink sink)
+{
+    return g_logSink.exchange(sink, std::memory_order_acq_rel);
+}
+
+bool MPI_VLogToSink(int level, const char *func, int line, const char *format, va_list argList)
+{
+    MPI_LogSink sink = g_logSink.load(std::memory_order_acquire);
+    if (sink == nullptr) {
+        return false;
+    }
+    char text[kSinkTextLen] = {};
+    (void)vsnprintf_s(text, sizeof(text), sizeof(text) - 1, format, argList);
+    sink(level, func, line, text);
+    return true;
+}
+
 void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *format, va_list argList)
 {
+    if (MPI_VLogToSink(level, func, line, format, argList)) {
+        return;  // assertions and direct trace records go to the sink too
+    }
     MPI_LogDesc *desc = MPI_GetLogDesc(MPI_MODULE_UDEV);
     TraceFilePtr file(std::fopen(desc->path, "a"));
     if (!file) {
@@ -174,10 +199,12 @@ void MPI_LogWrite(int level, const char *func, int line, const char *format, ...
 {
     va_list argList;
     va_start(argList, format);
-    if (UDEV_IsSyslogMode()) {
+    // A sink takes every level, whatever the log mode.
+    bool sunk = MPI_VLogToSink(level, func, line, format, argList);
+    if (!sunk && UDEV_IsSyslogMode()) {
         // In this mode every level goes out, without level, module or place.
         UDEV_VSyslog(format, argList);
-    } else if (level != MPI_LOG_DEBUG) {
+    } else if (!sunk && level != MPI_LOG_DEBUG) {
         MPI_VWriteTraceRecord(level, func, line, format, argList);
     }
     va_end(argList);

@@ -38,13 +38,15 @@ char *MPI_GetFilePath(int kind, const char *fileName);
 int MPI_SetLogFile(const char *path);
 MPI_LogDesc *MPI_GetLogDesc(uint32_t moduleId);
 
-// The sinks behind the macros. MPI_LogWrite goes to the system log in syslog
-// mode, else appends one record to the trace file. MPI_AssertFail writes one
-// ERROR record to the trace file and never returns.
+// The sinks behind the macros. MPI_LogWrite goes to the log sink when one is
+// set (below), else to the system log in syslog mode, else appends one record
+// to the trace file. MPI_AssertFail writes one ERROR record to the trace file
+// (or the log sink) and never returns.
 void MPI_LogWrite(int level, const char *func, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 [[noreturn]] void MPI_AssertFail(const char *func, int line, const char *condition);
-// The trace-file sink alone, whatever the log mode (assertions use it).
+// The trace-file sink alone, whatever the log mode (assertions use it); a
+// log sink, when set, takes these records too.
 void MPI_WriteTraceRecord(int level, const char *func, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *format, va_list argList)
@@ -60,6 +62,21 @@ void UDEV_VSyslog(const char *format, va_list argList) __attribute__((format(pri
 void UDEV_SetSyslogMode();
 void UDEV_ClearSyslogMode();
 bool UDEV_IsSyslogMode();
+
+// A destination that takes every record in place of the trace file and the
+// system log: any level (DEBUG included), assertions included, with the
+// site's format already applied (`text` carries the site's own line end).
+// A program that runs the daemon's code without being the daemon (the
+// administrator's tool) sets one, so that what that code has to say reaches
+// the program's own output and no trace record is written. The daemon never
+// sets one. Returns the sink it replaces; null puts the trace file and the
+// system log back.
+using MPI_LogSink = void (*)(int level, const char *func, int line, const char *text);
+MPI_LogSink MPI_SetLogSink(MPI_LogSink sink);
+// Hands the record to the sink when one is set and says so; false (the
+// argument list untouched): no sink, the caller writes the record itself.
+bool MPI_VLogToSink(int level, const char *func, int line, const char *format, va_list argList)
+    __attribute__((format(printf, 4, 0)));
 
 #define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
 // MPI_Log on behalf of the entry point `func`: a helper that does the work
