@@ -1,10 +1,19 @@
-// LVM activation: the five-tick debounce and the bounded retry whose
-// counter a success does not reset. The command is a harmless shell one;
-// runs, give-up and the thread cancelled in a hanging command are proven
-// end to end (lab PipelineLvm).
+// LVM activation: the five-tick debounce, the bounded retry whose counter a
+// success does not reset, and the thread cancelled in a long command. The
+// command is a harmless shell one; runs and give-up are proven end to end
+// (lab PipelineLvm).
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <string>
+
+#include <unistd.h>
+
+#include "support/pipeline_support.h"
+#include "support/trace_capture.h"
 #include "udev_lvm.h"
+#include "udev_thread.h"
+#include "util_ret.h"
 
 namespace {
 
@@ -64,6 +73,30 @@ TEST_F(LvmTest, DueFiveTicksAfterTheLastRequest)
         }
         int retryCount = 0;
         EXPECT_EQ(UDEV_ActivateLvmCheckWith(&retryCount, kFails), c.due) << c.script;
+    }
+}
+
+// Cancelled inside system(), the thread takes the command down with it.
+TEST_F(LvmTest, DestroyEndsTheThreadInALongCommand)
+{
+    qmtest::TempDir dir;
+    const std::string pidFile = dir.File("pid");
+    const std::string command = "echo $$ > " + pidFile + ".part && mv " + pidFile + ".part " + pidFile +
+                                " && exec sleep 600";
+    ASSERT_EQ(UDEV_CreateActivateLvmWith(command.c_str()), UDEV_RET_OK);
+    UDEV_RequestActivateLvm();
+    Ticks();
+    pid_t pid = 0;
+    ASSERT_TRUE(qmtest::WaitUntil([&] {
+        pid = static_cast<pid_t>(std::atol(qmtest::ReadFile(pidFile).c_str()));
+        return pid > 0;
+    }));
+    UDEV_DestoryActivateLvm();
+    EXPECT_TRUE(UDEV_IsStop());
+    bool ended = qmtest::WaitUntil([&] { return ::kill(pid, 0) != 0; });
+    EXPECT_TRUE(ended) << "the command outlived the thread's cancellation";
+    if (!ended) {
+        (void)::kill(pid, SIGKILL);
     }
 }
 

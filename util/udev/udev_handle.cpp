@@ -344,7 +344,7 @@ void *UDEV_HandleThr(void * /* arg */)
 
 int UDEV_CreateHandleThread()
 {
-    return UDEV_CreateWorker(g_handle, UDEV_HandleThr, "qmudev handle thread", __func__);
+    return UDEV_CreateWorker(g_handle, UDEV_HandleThr, nullptr, "qmudev handle thread", __func__);
 }
 
 // Stop flag, wake-up, then cancel at once: the thread is normally asleep in

@@ -60,7 +60,7 @@ int RunLvmCommand(const char *command)
     return UDEV_RET_FAIL;
 }
 
-// Both checks; `func` names the entry point in the records.
+// Both checks and the thread's; `func` names the entry point in the records.
 bool CheckLvmRequest(int *retryCount, const char *command, const char *func)
 {
     if (!UDEV_ActivateLvmDue()) {
@@ -125,15 +125,18 @@ bool UDEV_ActivateLvmCheckWith(int *retryCount, const char *command)
     return CheckLvmRequest(retryCount, command, __func__);
 }
 
-void *UDEV_ActivateLvmThr(void * /* arg */)
+// `arg` is the command to run (UDEV_LVM_COMMAND unless the creator gave
+// another); it outlives the thread.
+void *UDEV_ActivateLvmThr(void *arg)
 {
+    const char *command = arg != nullptr ? static_cast<const char *>(arg) : UDEV_LVM_COMMAND;
     UDEV_DisableCancel();
     // Cancelled in sleep or system, the thread still reports its end.
     UdevThreadStopGuard stopOnExit(g_lvmWorker.state);
     g_lvmWorker.state.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     int retryCount = 0;
     while (!UDEV_IsStop()) {
-        (void)UDEV_ActivateLvmCheck(&retryCount);
+        (void)CheckLvmRequest(&retryCount, command, "UDEV_ActivateLvmCheck");
         UdevCancelPoint cancelPoint;
         (void)sleep(1);
     }
@@ -142,9 +145,26 @@ void *UDEV_ActivateLvmThr(void * /* arg */)
     return nullptr;
 }
 
+namespace {
+
+// The thread's argument is its command, a constant or the creator's text.
+int CreateLvmThread(const char *command, const char *func)
+{
+    return UDEV_CreateWorker(g_lvmWorker, UDEV_ActivateLvmThr, const_cast<char *>(command), "activate Lvm thread",
+                             func);
+}
+
+}  // namespace
+
 int UDEV_CreateActivateLvm()
 {
-    return UDEV_CreateWorker(g_lvmWorker, UDEV_ActivateLvmThr, "activate Lvm thread", __func__);
+    return CreateLvmThread(UDEV_LVM_COMMAND, __func__);
+}
+
+int UDEV_CreateActivateLvmWith(const char *command)
+{
+    MPI_AssertNotNull(command);
+    return CreateLvmThread(command, __func__);
 }
 
 // No wait: the thread only sleeps or runs lvm, and holds nothing that the

@@ -14,6 +14,9 @@ void UDEV_ActivateLvmTick();
 int UDEV_RunActivateLvmCommand();
 void *UDEV_ActivateLvmThr(void *arg);
 int UDEV_CreateActivateLvm();
+// The same thread running `command` (which must outlive it) instead of
+// UDEV_LVM_COMMAND.
+int UDEV_CreateActivateLvmWith(const char *command);
 void UDEV_DestoryActivateLvm();
 
 // Runs at most six times per request (the first try and five re-arms).

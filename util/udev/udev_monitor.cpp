@@ -172,7 +172,7 @@ int UDEV_CreateMonitorThread()
 {
     // A thread whose set-up failed has already ended (and set the stop
     // flag): that still counts as started.
-    return UDEV_CreateWorker(g_monitor, UDEV_MonitorThr, "qmudev monitor thread", __func__);
+    return UDEV_CreateWorker(g_monitor, UDEV_MonitorThr, nullptr, "qmudev monitor thread", __func__);
 }
 
 // The thread normally sits in poll, where cancellation is open; its RAII

@@ -33,6 +33,25 @@ std::atomic<int> g_stopFlag{0};
 // Set by the initial thread only (the destroyers), read by it too.
 bool g_workerAdrift = false;
 
+enum class UdevStartResult { STARTED, CREATE_FAILED, START_TIMEOUT };
+
+UdevStartResult StartWorker(UdevWorker &worker, void *(*run)(void *), void *arg, int *err)
+{
+    worker.state.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
+    *err = pthread_create(&worker.thread, nullptr, run, arg);
+    if (*err != 0) {
+        return UdevStartResult::CREATE_FAILED;
+    }
+    worker.live = true;
+    if (UDEV_WaitThreadState(worker.state, true)) {
+        return UdevStartResult::STARTED;
+    }
+    (void)pthread_cancel(worker.thread);
+    (void)pthread_detach(worker.thread);
+    worker.live = false;
+    return UdevStartResult::START_TIMEOUT;
+}
+
 }  // namespace
 
 void UDEV_SetStop()
@@ -81,27 +100,10 @@ void UDEV_DisableCancel()
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
-UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err)
-{
-    worker.state.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
-    *err = pthread_create(&worker.thread, nullptr, run, nullptr);
-    if (*err != 0) {
-        return UdevStartResult::CREATE_FAILED;
-    }
-    worker.live = true;
-    if (UDEV_WaitThreadState(worker.state, true)) {
-        return UdevStartResult::STARTED;
-    }
-    (void)pthread_cancel(worker.thread);
-    (void)pthread_detach(worker.thread);
-    worker.live = false;
-    return UdevStartResult::START_TIMEOUT;
-}
-
-int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), const char *name, const char *func)
+int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), void *arg, const char *name, const char *func)
 {
     int err = 0;
-    switch (UDEV_StartWorker(worker, run, &err)) {
+    switch (StartWorker(worker, run, arg, &err)) {
         case UdevStartResult::STARTED:
             return UDEV_RET_OK;
         case UdevStartResult::CREATE_FAILED:

@@ -40,16 +40,12 @@ struct UdevWorker {
     bool live = false;  // a thread we still have to cancel and detach
 };
 
-enum class UdevStartResult { STARTED, CREATE_FAILED, START_TIMEOUT };
-
-// Creates the thread and waits until it runs (or has already ended: its
-// end has set the stop flag, which brings the daemon down anyway). A thread
-// that does not start in time is cancelled and detached. On CREATE_FAILED,
-// *err holds pthread_create's error. The caller logs its own message.
-UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err);
-// The same, logged in the name of the creator `func` for the thread called
-// `name`: UDEV_RET_OK once it runs (or already ended), else UDEV_RET_FAIL.
-int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), const char *name, const char *func);
+// Creates the thread on `run` (with `arg`) and waits until it runs, or has
+// already ended: its end has set the stop flag, which brings the daemon
+// down anyway. A thread that does not start in time is cancelled and
+// detached. Failures are logged in the name of the creator `func` for the
+// thread called `name`. UDEV_RET_OK once it runs, else UDEV_RET_FAIL.
+int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), void *arg, const char *name, const char *func);
 
 // Cancels a live worker, then (waitStop) waits for its UDEV_THREAD_STOP,
 // cancelling once more when the wait times out, and detaches it: workers are
