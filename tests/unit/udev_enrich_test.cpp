@@ -5,11 +5,7 @@
 // them (a process of its own).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-
-#include <sys/stat.h>
 
 #include "support/udev_support.h"
 #include "udev_enrich.h"
@@ -120,40 +116,6 @@ TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
         EXPECT_STREQ("", holder.node.action);
     }
 }
-
-// A fake `cat` first on PATH: the pipeline reads a /proc/devices of the
-// test's making, and every run of the command is counted.
-class FakeProcDevices {
-public:
-    FakeProcDevices() : oldPath_(std::getenv("PATH") ? std::getenv("PATH") : "")
-    {
-        WriteFile(dir_.File("cat"), "#!/bin/sh\necho run >> '" + dir_.File("runs") + "'\nexec /bin/cat '" +
-                                        dir_.File("devices") + "'\n");
-        chmod((dir_.Path() + "/cat").c_str(), 0755);
-        Set("");
-        setenv("PATH", (dir_.Path() + ":" + oldPath_).c_str(), 1);
-    }
-    ~FakeProcDevices() { setenv("PATH", oldPath_.c_str(), 1); }
-
-    void Set(const std::string &blockLines)
-    {
-        const std::string head = "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n";
-        WriteFile(dir_.File("devices"), head + blockLines);
-    }
-    int Runs() const
-    {
-        std::ifstream in(dir_.File("runs"));
-        int count = 0;
-        for (std::string line; std::getline(in, line);) {
-            ++count;
-        }
-        return count;
-    }
-
-private:
-    TempDir dir_;
-    std::string oldPath_;
-};
 
 TEST_F(EnrichTest, MajorIsAskedAgainUntilFoundThenCachedCut)
 {

@@ -1,7 +1,6 @@
 // The handle thread: its indexed walk sends and keeps exactly what the
-// linear supersession and retry rules do, and the thread's end from every
-// state. The LVM request of a new virtual disk is proven end to end (lab
-// PipelineLvm).
+// linear supersession and retry rules do, the LVM request, and the thread's
+// end from every state.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -14,6 +13,7 @@
 #include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_handle.h"
+#include "udev_lvm.h"
 #include "udev_thread.h"
 #include "util_ret.h"
 
@@ -122,6 +122,44 @@ TEST_F(HandleTest, IndexedWalkMatchesTheLinearRuleOnRandomLists)
         UDEV_DeleteEventList(&reference);
         UDEV_DeleteEventList(&working_);
     }
+}
+
+// The driver's major comes from /proc/devices (a fake one) and is kept once
+// found: the rows without it come first.
+TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
+{
+    const struct {
+        unsigned major;
+        const char *action, *vlunMajor;
+        bool retry, armed;
+    } cases[] = {{252, "add", "", false, false},       {8, "add", "252", false, false},
+                 {252, "remove", "252", false, false}, {252, "change", "252", false, false},
+                 {252, "add", "252", true, false},     {252, "add", "252", false, true}};
+    FakeProcDevices proc;
+    Testbed bed;
+    unsigned disk = 0;
+    for (const auto &c : cases) {
+        UDEV_ClearActivateLvmRequest();
+        proc.Set(*c.vlunMajor == '\0' ? "" : std::string(c.vlunMajor) + " quillmesh\n");
+        BlockDevice qmnv = bed.AddBlock({.name = "qmnv" + std::to_string(disk), .major = c.major, .minor = disk});
+        ++disk;
+        UdevDevicePtr device = Event(bed, qmnv.syspath, c.action);
+        ASSERT_TRUE(device);
+        UdevEventNode *node = UDEV_AllocEventNode();
+        node->udevDev = device.release();
+        node->isRetry = c.retry ? 1 : 0;
+        node->retryTime = g_now.load();
+        UDEV_ListAddTail(&node->list, &working_);
+        UDEV_HandleEventList(&working_);
+        for (unsigned tick = 0; tick < UDEV_LVM_DUE_TICKS; ++tick) {
+            UDEV_ActivateLvmTick();
+        }
+        EXPECT_EQ(UDEV_ActivateLvmDue(), c.armed) << c.major << " " << c.action << " retry " << c.retry;
+        // "qmnv*" is neither SCSI nor NVMe: enrichment drops new nodes.
+        EXPECT_EQ(NodesOf(&working_).size(), c.retry ? 1u : 0u);
+        UDEV_DeleteEventList(&working_);
+    }
+    UDEV_ClearActivateLvmRequest();
 }
 
 class HandleThreadTest : public HandleTest {

@@ -8,6 +8,7 @@
 
 #include <libudev.h>
 
+#include <cstdlib>
 #include <mutex>
 
 #include "support/alloc_fail.h"
@@ -159,6 +160,31 @@ VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>
 VendorList::~VendorList()
 {
     UDEV_ReleaseConfig();
+}
+
+FakeProcDevices::FakeProcDevices() : oldPath_(std::getenv("PATH") ? std::getenv("PATH") : "")
+{
+    WriteFile(dir_.File("cat"), "#!/bin/sh\necho run >> '" + dir_.File("runs") + "'\nexec /bin/cat '" +
+                                    dir_.File("devices") + "'\n");
+    chmod((dir_.Path() + "/cat").c_str(), 0755);
+    Set("");
+    setenv("PATH", (dir_.Path() + ":" + oldPath_).c_str(), 1);
+}
+
+FakeProcDevices::~FakeProcDevices()
+{
+    setenv("PATH", oldPath_.c_str(), 1);
+}
+
+void FakeProcDevices::Set(const std::string &blockLines)
+{
+    const std::string head = "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n";
+    WriteFile(dir_.File("devices"), head + blockLines);
+}
+
+int FakeProcDevices::Runs() const
+{
+    return static_cast<int>(CountOf(ReadFile(dir_.File("runs")), "run\n"));
 }
 
 ReadOnlyAttr::ReadOnlyAttr(const Testbed &bed, const std::string &syspath, const std::string &attr)

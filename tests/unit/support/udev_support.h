@@ -68,6 +68,24 @@ private:
     TempDir dir_;
 };
 
+// A fake `cat` first on PATH while it lives: the daemon's /proc/devices
+// pipeline reads a file of the test's making, and every run is counted.
+class FakeProcDevices {
+public:
+    FakeProcDevices();
+    ~FakeProcDevices();
+    FakeProcDevices(const FakeProcDevices &) = delete;
+    FakeProcDevices &operator=(const FakeProcDevices &) = delete;
+
+    // The block-device lines below the usual head.
+    void Set(const std::string &blockLines);
+    int Runs() const;
+
+private:
+    TempDir dir_;
+    std::string oldPath_;
+};
+
 // One attribute unwritable for this thread: mode 0444, and the DAC override
 // capability out of the effective set while this lives.
 class ReadOnlyAttr {
