@@ -23,7 +23,7 @@ build=$(cd "$build" && pwd)
 seconds=${QMUDEV_FUZZ_SECONDS:-60}
 jobs=${QMUDEV_FUZZ_JOBS:-$(nproc)}
 parallel=${QMUDEV_FUZZ_PARALLEL:-$(nproc)}
-all_targets="fuzz_bounds fuzz_sscanf fuzz_vendor_config fuzz_qmlinux_config fuzz_misc_get fuzz_devinfo"
+all_targets="fuzz_bounds fuzz_config fuzz_misc_get fuzz_devinfo"
 targets=${QMUDEV_FUZZ_TARGETS:-$all_targets}
 
 case "$seconds$parallel" in
@@ -93,7 +93,7 @@ run_target() {
     opts+=(-dict="$top/fuzz/$t.dict")
   fi
   case "$t" in
-    fuzz_vendor_config | fuzz_qmlinux_config) opts+=(-max_len=2048) ;;
+    fuzz_config) opts+=(-max_len=2048) ;;
   esac
   local log="$work/fuzz.log" status=0
   (cd "$work" && "$bin" "${opts[@]}" "$work/corpus") >"$log" 2>&1 || status=$?
