@@ -232,9 +232,12 @@ void MPI_AssertFail(const char *func, int line, const char *condition)
     MPI_WriteTraceRecord(MPI_LOG_ERROR, func, line, "*** Assertion on file \"%s\" function \"%s\" line %d exception \"%s\"\n",
                          "(null)", func, line, condition);
     // The failed check holds this thread for good; the other threads run on.
-    std::atomic<int> spin{0};
+    // Each turn reads a volatile: a loop without such an access may be taken
+    // to end, and clang drops it (the thread would then run off the end of a
+    // function that never returns).
+    volatile int spin = 0;
     for (;;) {
-        spin.fetch_add(0, std::memory_order_relaxed);
+        (void)spin;
     }
 }
 
