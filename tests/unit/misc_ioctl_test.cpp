@@ -1,6 +1,7 @@
-// The misc-device channel against a scripted fake driver: request numbers,
-// records on the wire, status pass-through, the GET size negotiation, and
-// replies that a broken or hostile driver might send.
+// The misc-device channel against a scripted fake driver (the test binary's
+// ioctl): request numbers, records on the wire, status pass-through, the
+// GET size negotiation, and replies that a broken or hostile driver might
+// send. The channel opens a plain file of the test's own.
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -8,17 +9,18 @@
 #include <utility>
 #include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "misc_ioctl.h"
+#include "support/sys_wrap.h"
 #include "support/trace_capture.h"
 #include "util_ret.h"
 
 namespace {
 
-constexpr int FAKE_FD = 42;
 constexpr uint32_t OK = 1024;
 constexpr uint32_t BUF_SHORT = 1038;
 constexpr uint32_t NO_OVERRIDE = 0xDEADBEEF;
@@ -75,17 +77,48 @@ int FakeIoctl(int fd, unsigned long request, void *arg)
     return reply.ret;
 }
 
+// The descriptor of this process open on `path`, or -1.
+int FdOf(const std::string &path)
+{
+    DIR *fds = ::opendir("/proc/self/fd");
+    int found = -1;
+    for (struct dirent *entry = ::readdir(fds); entry != nullptr && found < 0; entry = ::readdir(fds)) {
+        char target[512] = {};
+        std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        if (::readlink(link.c_str(), target, sizeof(target) - 1) > 0 && path == target) {
+            found = std::atoi(entry->d_name);
+        }
+    }
+    ::closedir(fds);
+    return found;
+}
+
 class MiscIoctlTest : public ::testing::Test {
 protected:
-    void SetUp() override { Script({}); }
-    void TearDown() override { UTIL_MiscSetForTest(-1, nullptr); }
-
-    static void Script(std::vector<Reply> replies, int fd = FAKE_FD)
+    void SetUp() override
     {
-        g_fake = FakeDriver{std::move(replies), 0, {}};
-        UTIL_MiscSetForTest(fd, FakeIoctl);
+        qmtest::WriteFile(node_, "");
+        qmtest::ReplaceIoctl(FakeIoctl);
+        Script({});
+    }
+    void TearDown() override
+    {
+        INTF_UTIL_MiscIoctlClose();
+        qmtest::ReplaceIoctl(nullptr);
     }
 
+    // Opens the channel on the test's node (if it is not open) and scripts
+    // the driver's answers.
+    void Script(std::vector<Reply> replies)
+    {
+        g_fake = FakeDriver{std::move(replies), 0, {}};
+        (void)INTF_UTIL_MiscIoctlInitAt(node_.c_str());
+        fd_ = FdOf(node_);
+    }
+
+    qmtest::TempDir dir_;
+    std::string node_ = dir_.File("misc_qmnv");
+    int fd_ = -1;
     qmtest::TraceCapture trace_;
 };
 
@@ -93,17 +126,26 @@ protected:
 
 TEST_F(MiscIoctlTest, EveryRequestFailsWithoutTouchingTheDriverWhenNotOpen)
 {
-    for (int fd : {0, -1}) {
-        SCOPED_TRACE(fd);
-        UTIL_MiscSetForTest(fd, FakeIoctl);
+    INTF_UTIL_MiscIoctlClose();
+    // Closed, then open on descriptor 0, which counts as closed too.
+    int savedStdin = ::dup(0);
+    for (bool onZero : {false, true}) {
+        SCOPED_TRACE(onZero ? "descriptor 0" : "closed");
+        if (onZero) {
+            ::close(0);
+            ASSERT_EQ(INTF_UTIL_MiscIoctlInitAt(node_.c_str()), UDEV_RET_OK);
+            ASSERT_EQ(FdOf(node_), 0);
+        }
         EXPECT_EQ(INTF_UTIL_MiscIoctlStart(), UDEV_RET_FAIL);
         EXPECT_EQ(INTF_UTIL_MiscIoctlGet(), nullptr);
         EXPECT_EQ(INTF_UTIL_MiscIoctlAdd("8:32 scsi V P 1:0:0:1"), UDEV_RET_FAIL);
         EXPECT_EQ(INTF_UTIL_MiscIoctlRemove("8:32"), UDEV_RET_FAIL);
         EXPECT_EQ(INTF_UTIL_MiscIoctlChange("8:32"), UDEV_RET_FAIL);
         INTF_UTIL_MiscIoctlClose();  // nothing to close; must not close fd 0
-        EXPECT_EQ(UTIL_MiscGetFd(), fd);
+        EXPECT_EQ(FdOf(node_), onZero ? 0 : -1);
     }
+    ::dup2(savedStdin, 0);
+    ::close(savedStdin);
     EXPECT_TRUE(g_fake.calls.empty());
     std::string log = trace_.Text();
     EXPECT_EQ(qmtest::CountOf(log, "misc ioctl device not open."), 4u);
@@ -115,30 +157,28 @@ TEST_F(MiscIoctlTest, EveryRequestFailsWithoutTouchingTheDriverWhenNotOpen)
 
 TEST_F(MiscIoctlTest, OpenFailureOpenWhenOpenAndCloseTwice)
 {
-    qmtest::TempDir dir;
     // Already open: warns, keeps the descriptor, opens nothing.
-    EXPECT_EQ(INTF_UTIL_MiscIoctlInitAt(dir.File("missing").c_str()), UDEV_RET_OK);
-    EXPECT_EQ(UTIL_MiscGetFd(), FAKE_FD);
-    EXPECT_TRUE(trace_.Has("[WARN][UDEV  ][INTF_UTIL_MiscIoctlInit: "));
+    ASSERT_GT(fd_, 0);
+    EXPECT_EQ(INTF_UTIL_MiscIoctlInitAt(dir_.File("missing").c_str()), UDEV_RET_OK);
+    EXPECT_EQ(FdOf(node_), fd_);
+    EXPECT_TRUE(trace_.Has("[WARN][UDEV  ][INTF_UTIL_MiscIoctlInitAt: "));
     EXPECT_TRUE(trace_.Has("already open /dev/misc_qmnv."));
 
-    UTIL_MiscSetForTest(-1, FakeIoctl);
-    EXPECT_EQ(INTF_UTIL_MiscIoctlInitAt(dir.File("missing").c_str()), UDEV_RET_FAIL);
-    EXPECT_LT(UTIL_MiscGetFd(), 0);
-    EXPECT_TRUE(trace_.Has("[ERROR][UDEV  ][INTF_UTIL_MiscIoctlInit: "));
+    INTF_UTIL_MiscIoctlClose();
+    EXPECT_EQ(INTF_UTIL_MiscIoctlInitAt(dir_.File("missing").c_str()), UDEV_RET_FAIL);
+    EXPECT_TRUE(trace_.Has("[ERROR][UDEV  ][INTF_UTIL_MiscIoctlInitAt: "));
     EXPECT_TRUE(trace_.Has("Failed to open /dev/misc_qmnv."));
+    EXPECT_EQ(INTF_UTIL_MiscIoctlStart(), UDEV_RET_FAIL) << "a failed open leaves the channel closed";
 
-    std::string node = dir.File("misc_qmnv");
-    qmtest::WriteFile(node, "");
-    ASSERT_EQ(INTF_UTIL_MiscIoctlInitAt(node.c_str()), UDEV_RET_OK);
-    int fd = UTIL_MiscGetFd();
+    ASSERT_EQ(INTF_UTIL_MiscIoctlInitAt(node_.c_str()), UDEV_RET_OK);
+    int fd = FdOf(node_);
     EXPECT_GT(fd, 0);
     EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
     INTF_UTIL_MiscIoctlClose();
-    EXPECT_EQ(UTIL_MiscGetFd(), -1);
     EXPECT_EQ(::fcntl(fd, F_GETFD), -1);  // really closed
+    EXPECT_EQ(INTF_UTIL_MiscIoctlStart(), UDEV_RET_FAIL);
     INTF_UTIL_MiscIoctlClose();
-    EXPECT_EQ(UTIL_MiscGetFd(), -1);
+    EXPECT_TRUE(g_fake.calls.empty());
 }
 
 // ---- start, add, remove, change --------------------------------------------------
@@ -182,7 +222,7 @@ TEST_F(MiscIoctlTest, RequestsSendTheirRecordAndReturnTheStatus)
         EXPECT_EQ(row.which == Start ? INTF_UTIL_MiscIoctlStart() : event.fn(event.text), row.expected);
         ASSERT_EQ(g_fake.calls.size(), 1u);
         const Call &call = g_fake.calls[0];
-        EXPECT_EQ(call.fd, FAKE_FD);
+        EXPECT_EQ(call.fd, fd_);
         EXPECT_EQ(call.request, event.request);
         EXPECT_EQ(call.nullArg, row.which == Start);
         if (row.which != Start) {

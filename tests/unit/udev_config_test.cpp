@@ -32,10 +32,9 @@ std::string Field(const char (&field)[UDEV_CFG_FIELD_LEN])
     return std::string(field, strnlen(field, UDEV_CFG_FIELD_LEN));
 }
 
-std::vector<Rule> Rules()
+std::vector<Rule> RulesOf(const UdevListHead *head)
 {
     std::vector<Rule> rules;
-    const UdevListHead *head = UDEV_GetProductList();
     for (const UdevListHead *link = head->next; link != head; link = link->next) {
         auto *node = reinterpret_cast<const UdevProductNode *>(link);
         rules.emplace_back(Field(node->ruler_name), Field(node->vendor_id), Field(node->product_id),
@@ -65,14 +64,26 @@ std::string Bytes(const char (&text)[N])
 
 class VendorListTest : public ::testing::Test {
 protected:
-    void TearDown() override { UDEV_ReleaseConfig(); }
+    void SetUp() override { UDEV_ListInit(&rules_); }
+    void TearDown() override
+    {
+        UDEV_DeleteProductList(&rules_);
+        UDEV_ReleaseConfig();
+    }
 
-    bool Load(const std::string &content)
+    std::string Write(const std::string &content)
     {
         std::string path = dir_.File("qm_plus.conf");
         qmtest::WriteFile(path, content);
-        return UDEV_InitConfigFromPath(path.c_str());
+        return path;
     }
+    // Onto the test's own list of rules.
+    bool Load(const std::string &content) { return UDEV_ReadConfigInto(Write(content).c_str(), &rules_); }
+    // As the loaded configuration, which the support check reads.
+    bool LoadConfig(const std::string &content) { return UDEV_InitConfigFromPath(Write(content).c_str()); }
+    std::vector<Rule> Rules() const { return RulesOf(&rules_); }
+
+    UdevListHead rules_;
 
     qmtest::TempDir dir_;
     qmtest::TraceCapture trace_;
@@ -86,7 +97,7 @@ TEST_F(VendorListTest, ReloadReplacesTheRulesAndAMissingFileEmptiesThem)
     ASSERT_TRUE(Load("[vendors]\nvendor_id=SECOND\n"));
     EXPECT_EQ(Rules(), std::vector<Rule>{VendorOnly("SECOND")});
 
-    EXPECT_FALSE(UDEV_InitConfigFromPath(dir_.File("absent.conf").c_str()));
+    EXPECT_FALSE(UDEV_ReadConfigInto(dir_.File("absent.conf").c_str(), &rules_));
     EXPECT_TRUE(Rules().empty());
     EXPECT_TRUE(trace_.Has("open file failed.\n"));
 }
@@ -245,7 +256,7 @@ TEST_F(VendorListTest, MatchingIsExactAfterUdevsEscapedBlanksAreStripped)
         SCOPED_TRACE(std::string(row.vendor) + " / " + (row.product != nullptr ? row.product : "(none)"));
         UDEV_ReleaseConfig();
         if (row.list != nullptr) {
-            ASSERT_TRUE(Load(*row.list));
+            ASSERT_TRUE(LoadConfig(*row.list));
         }
         size_t before = trace_.Text().size();
         EXPECT_EQ(UDEV_DeviceIsSupport(row.vendor, row.product), row.supported);
@@ -263,6 +274,7 @@ TEST_F(VendorListTest, MatchingIsExactAfterUdevsEscapedBlanksAreStripped)
 TEST_F(VendorListTest, ShippedSampleGivesExactlyTheIntendedRules)
 {
     const std::string sample = std::string(QMUDEV_SOURCE_DIR) + "/packaging/config/qm_plus.conf";
+    ASSERT_TRUE(UDEV_ReadConfigInto(sample.c_str(), &rules_));
     ASSERT_TRUE(UDEV_InitConfigFromPath(sample.c_str()));
     EXPECT_EQ(Rules(), (std::vector<Rule>{Rule{"qm_scsi_array", "QUILLMSH", "QM-ARRAY", "quillmesh"},
                                           Rule{"qm_nvme_array", "QUILLMSH", "QMNVME", "quillmesh"}}));

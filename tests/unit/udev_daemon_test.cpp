@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "misc_ioctl.h"
+#include "support/sys_wrap.h"
 #include "support/trace_capture.h"
 #include "udev_daemon.h"
 #include "util_ret.h"
@@ -137,25 +138,29 @@ TEST(TriggerAchieveBindInfoTest, FollowsTheStartRequest)
 {
     qmtest::TraceCapture trace;
     struct Row {
-        int fd;
+        bool open;
         int ret;
         bool expected;
         const char *message;
     } rows[] = {
-        {0, 0, false, "Failed to trigger ioctl."},
-        {7, -1, false, "Failed to trigger ioctl."},
-        {7, 0, true, "Success to trigger ioctl"},
+        {false, 0, false, "Failed to trigger ioctl."},
+        {true, -1, false, "Failed to trigger ioctl."},
+        {true, 0, true, "Success to trigger ioctl"},
     };
+    qmtest::ReplaceIoctl(FakeStart);
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.fd * 10 + row.ret);
+        SCOPED_TRACE(std::to_string(row.open) + " " + std::to_string(row.ret));
         g_startRet = row.ret;
         g_startRequest = 0;
-        UTIL_MiscSetForTest(row.fd, FakeStart);
+        if (row.open) {
+            ASSERT_EQ(INTF_UTIL_MiscIoctlInitAt("/dev/null"), UDEV_RET_OK);
+        }
         EXPECT_EQ(UDEV_TriggerAchieveBindInfo(), row.expected);
-        EXPECT_EQ(g_startRequest, row.fd > 0 ? MISC_IOCTL_START : 0ul);
+        EXPECT_EQ(g_startRequest, row.open ? MISC_IOCTL_START : 0ul);
         EXPECT_TRUE(trace.Has(row.message));
+        INTF_UTIL_MiscIoctlClose();
     }
-    UTIL_MiscSetForTest(-1, nullptr);
+    qmtest::ReplaceIoctl(nullptr);
 }
 
 }  // namespace

@@ -1,17 +1,16 @@
 // Event enrichment and filtering: device number, action, the SAN-boot WWN
 // and its filter, and the product's block major from /proc/devices. The
 // texts of whole events are proven end to end (lab protocol and SAN-boot
-// tests).
+// tests). The WWN and the major are process-wide: each test starts without
+// them (a process of its own).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-
-#include <sys/stat.h>
 
 #include "support/udev_support.h"
 #include "udev_enrich.h"
+#include "udev_lvm.h"
+#include "udev_sanboot.h"
 #include "util_ret.h"
 
 using namespace qmtest;
@@ -20,11 +19,7 @@ namespace {
 
 const std::string BOOT_WWN = "0x6000c29a1b2c3d4e5f60718293a4b5c6";
 
-class EnrichTest : public ::testing::Test {
-protected:
-    void SetUp() override { UDEV_ResetEnrichForTest(); }
-    void TearDown() override { UDEV_ResetEnrichForTest(); }
-};
+class EnrichTest : public ::testing::Test {};
 
 TEST_F(EnrichTest, SanbootWwnIsPrefixedHexOfLength34)
 {
@@ -33,6 +28,7 @@ TEST_F(EnrichTest, SanbootWwnIsPrefixedHexOfLength34)
         int len;
         bool accepted;
     } cases[] = {
+        // Refusals first: an accepted WWN stays stored.
         {"6000c29a1b2c3d4e5f60718293a4b5c6", 32, false},    {"0x6000c29a1b2c3d4e5f60718293a4b5cg", 34, false},
         {"0X6000c29a1b2c3d4e5f60718293a4b5c6", 34, false},  {BOOT_WWN, 0, false},
         {BOOT_WWN, -1, false},                              {BOOT_WWN + "7", 35, false},
@@ -41,7 +37,6 @@ TEST_F(EnrichTest, SanbootWwnIsPrefixedHexOfLength34)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.wwn + " " + std::to_string(c.len));
-        UDEV_ResetEnrichForTest();
         EXPECT_EQ(c.accepted, UDEV_SetSanbootWwn(c.wwn.c_str(), c.len));
         EXPECT_EQ(!c.accepted, UDEV_FilterDeviceByWwn("0x0"));  // a stored WWN filters every other one
     }
@@ -122,40 +117,6 @@ TEST_F(EnrichTest, EventsAreDroppedForActionDeviceOrNumber)
     }
 }
 
-// A fake `cat` first on PATH: the pipeline reads a /proc/devices of the
-// test's making, and every run of the command is counted.
-class FakeProcDevices {
-public:
-    FakeProcDevices() : oldPath_(std::getenv("PATH") ? std::getenv("PATH") : "")
-    {
-        WriteFile(dir_.File("cat"), "#!/bin/sh\necho run >> '" + dir_.File("runs") + "'\nexec /bin/cat '" +
-                                        dir_.File("devices") + "'\n");
-        chmod((dir_.Path() + "/cat").c_str(), 0755);
-        Set("");
-        setenv("PATH", (dir_.Path() + ":" + oldPath_).c_str(), 1);
-    }
-    ~FakeProcDevices() { setenv("PATH", oldPath_.c_str(), 1); }
-
-    void Set(const std::string &blockLines)
-    {
-        const std::string head = "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n";
-        WriteFile(dir_.File("devices"), head + blockLines);
-    }
-    int Runs() const
-    {
-        std::ifstream in(dir_.File("runs"));
-        int count = 0;
-        for (std::string line; std::getline(in, line);) {
-            ++count;
-        }
-        return count;
-    }
-
-private:
-    TempDir dir_;
-    std::string oldPath_;
-};
-
 TEST_F(EnrichTest, MajorIsAskedAgainUntilFoundThenCachedCut)
 {
     FakeProcDevices proc;
@@ -170,8 +131,11 @@ TEST_F(EnrichTest, MajorIsAskedAgainUntilFoundThenCachedCut)
     proc.Set("240 quillmesh\n");
     EXPECT_STREQ("250", UDEV_GetVlunMajorFromFile());
     EXPECT_EQ(3, proc.Runs());
+}
 
-    UDEV_ResetEnrichForTest();
+TEST_F(EnrichTest, MajorTooLongForTheCacheIsCut)
+{
+    FakeProcDevices proc;
     proc.Set(std::string(100, '7') + " quillmesh\n");
     const char *major = UDEV_GetVlunMajorFromFile();
     ASSERT_NE(nullptr, major);

@@ -13,7 +13,6 @@
 #include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_handle.h"
-#include "udev_log.h"
 #include "udev_lvm.h"
 #include "udev_thread.h"
 #include "util_ret.h"
@@ -23,11 +22,6 @@ namespace {
 using namespace qmtest;
 
 std::atomic<int64_t> g_now{1'700'000'000};
-int64_t TestClock()
-{
-    return g_now.load();
-}
-void NoFinish(uint32_t, UdevEventNode *) {}
 
 std::string Describe(const std::vector<DriverCall> &calls)
 {
@@ -42,21 +36,17 @@ class HandleTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        UDEV_ResetFlagsForTest();
         ASSERT_TRUE(UDEV_InitEventList());
-        UDEV_SetEventClockForTest(TestClock);
-        UDEV_SetAddFinishForTest(NoFinish);
+        SetClock(g_now.load());
+        UDEV_ListInit(&working_);
     }
     void TearDown() override
     {
-        UDEV_DeleteEventList(UDEV_GetWorkingList());
+        UDEV_DeleteEventList(&working_);
         UDEV_ReleaseEventList();
-        UDEV_SetEventClockForTest(nullptr);
-        UDEV_SetAddFinishForTest(nullptr);
-        UDEV_ResetFlagsForTest();
+        UseRealClock();
     }
-    static void Queue(UdevEventNode *node) { UDEV_ListAddTail(&node->list, UDEV_GetWorkingList()); }
-    static size_t Left() { return NodesOf(UDEV_GetWorkingList()).size(); }
+    UdevListHead working_;
     FakeDriver driver_;
 };
 
@@ -111,7 +101,7 @@ TEST_F(HandleTest, IndexedWalkMatchesTheLinearRuleOnRandomLists)
             const char *devNum = devNums[rng() % (1 + round % 6)];
             bool retry = rng() % 3 == 0;
             int64_t retryTime = g_now.load() - ages[rng() % 5];
-            for (UdevListHead *list : {&reference, UDEV_GetWorkingList()}) {
+            for (UdevListHead *list : {&reference, &working_}) {
                 UdevEventNode *node = MakeNode(action, devNum, std::to_string(i));
                 node->isRetry = retry ? 1 : 0;
                 node->retryTime = retry ? retryTime : 0;
@@ -124,38 +114,33 @@ TEST_F(HandleTest, IndexedWalkMatchesTheLinearRuleOnRandomLists)
         std::vector<DriverCall> linear = driver_.Calls();
         driver_.ClearCalls();
         driver_.Script(replies);
-        UDEV_HandleEvent();
+        UDEV_HandleEventList(&working_);
 
         ASSERT_EQ(driver_.Calls(), linear) << "round " << round << ": " << Describe(driver_.Calls()) << "\nlinear "
                                            << Describe(linear);
-        ASSERT_EQ(Survivors(UDEV_GetWorkingList()), Survivors(&reference)) << "round " << round;
+        ASSERT_EQ(Survivors(&working_), Survivors(&reference)) << "round " << round;
         UDEV_DeleteEventList(&reference);
-        UDEV_DeleteEventList(UDEV_GetWorkingList());
+        UDEV_DeleteEventList(&working_);
     }
 }
 
-const char *g_vlunMajor = nullptr;
-const char *TestVlunMajor()
-{
-    return g_vlunMajor;
-}
-
+// The driver's major comes from /proc/devices (a fake one) and is kept once
+// found: the rows without it come first.
 TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
 {
     const struct {
         unsigned major;
         const char *action, *vlunMajor;
         bool retry, armed;
-    } cases[] = {{252, "add", "", false, false},        {252, "add", nullptr, false, false},
-                 {8, "add", "252", false, false},       {252, "remove", "252", false, false},
-                 {252, "change", "252", false, false},  {252, "add", "252", true, false},
-                 {252, "add", "252", false, true}};
-    UDEV_SetVlunMajorForTest(TestVlunMajor);
+    } cases[] = {{252, "add", "", false, false},       {8, "add", "252", false, false},
+                 {252, "remove", "252", false, false}, {252, "change", "252", false, false},
+                 {252, "add", "252", true, false},     {252, "add", "252", false, true}};
+    FakeProcDevices proc;
     Testbed bed;
     unsigned disk = 0;
     for (const auto &c : cases) {
         UDEV_ClearActivateLvmRequest();
-        g_vlunMajor = c.vlunMajor;
+        proc.Set(*c.vlunMajor == '\0' ? "" : std::string(c.vlunMajor) + " quillmesh\n");
         BlockDevice qmnv = bed.AddBlock({.name = "qmnv" + std::to_string(disk), .major = c.major, .minor = disk});
         ++disk;
         UdevDevicePtr device = Event(bed, qmnv.syspath, c.action);
@@ -164,17 +149,16 @@ TEST_F(HandleTest, AddOfTheDriversOwnDiskArmsTheLvmRequestBeforeEnrichment)
         node->udevDev = device.release();
         node->isRetry = c.retry ? 1 : 0;
         node->retryTime = g_now.load();
-        Queue(node);
-        UDEV_HandleEvent();
+        UDEV_ListAddTail(&node->list, &working_);
+        UDEV_HandleEventList(&working_);
         for (unsigned tick = 0; tick < UDEV_LVM_DUE_TICKS; ++tick) {
             UDEV_ActivateLvmTick();
         }
         EXPECT_EQ(UDEV_ActivateLvmDue(), c.armed) << c.major << " " << c.action << " retry " << c.retry;
         // "qmnv*" is neither SCSI nor NVMe: enrichment drops new nodes.
-        EXPECT_EQ(Left(), c.retry ? 1u : 0u);
-        UDEV_DeleteEventList(UDEV_GetWorkingList());
+        EXPECT_EQ(NodesOf(&working_).size(), c.retry ? 1u : 0u);
+        UDEV_DeleteEventList(&working_);
     }
-    UDEV_SetVlunMajorForTest(nullptr);
     UDEV_ClearActivateLvmRequest();
 }
 
@@ -188,7 +172,7 @@ protected:
     void TearDown() override
     {
         UDEV_DestoryHandleThread();
-        EXPECT_EQ(UDEV_GetHandleThreadState(), UDEV_THREAD_STOP);
+        EXPECT_FALSE(UDEV_WorkerMayStillRun()) << "the thread did not reach its end";
         EXPECT_TRUE(UDEV_IsStop());
         HandleTest::TearDown();  // locks the event-list mutex once more
     }
@@ -204,16 +188,17 @@ TEST_F(HandleThreadTest, DestroyWaitsOutADispatchInProgress)
     ASSERT_TRUE(WaitUntil([] { return UDEV_IsStop(); }));  // cancel is pending now
     driver_.Release();
     destroyer.join();
-    EXPECT_EQ(Left(), 0u) << "the walk ran to its end: the accepted node was deleted";
+    EXPECT_EQ(driver_.Calls(), (std::vector<DriverCall>{Add("8:0", "held")}));
 }
 
 TEST_F(HandleThreadTest, DestroyAfterTheThreadEndedReturns)
 {
+    LogCapture log;
     UDEV_SetStop();
     UDEV_AddEventList(nullptr);
-    ASSERT_TRUE(WaitUntil([] {
+    ASSERT_TRUE(WaitUntil([&] {
         UDEV_AddEventNode(nullptr);
-        return UDEV_GetHandleThreadState() == UDEV_THREAD_STOP;
+        return log.Has("udev handle thread run failed.\n");
     }));
 }
 
@@ -225,7 +210,7 @@ TEST_F(HandleThreadTest, WakeUpWithNothingQueuedStillRetries)
     // Wake-ups only from now on; the clock moves on with each, so the retry
     // is due whenever the thread marked the node.
     ASSERT_TRUE(WaitUntil([&] {
-        g_now.fetch_add(121);
+        SetClock(g_now.fetch_add(121) + 121);
         UDEV_AddEventNode(nullptr);
         return driver_.CallCount() == 2;
     }));

@@ -12,6 +12,7 @@
 
 #include "mpi_usr_if.h"
 #include "securec.h"
+#include "support/sys_wrap.h"
 #include "support/trace_capture.h"
 #include "udev_log.h"
 #include "util_ret.h"
@@ -61,13 +62,13 @@ protected:
     void SetUp() override
     {
         g_syslog.clear();
-        UDEV_ResetFlagsForTest();
-        UDEV_SetSyslogSinkForTest(CatchSyslog);
+        UDEV_ClearSyslogMode();
+        qmtest::ReplaceSyslog(CatchSyslog);
     }
     void TearDown() override
     {
-        UDEV_ResetFlagsForTest();
-        UDEV_SetSyslogSinkForTest(nullptr);
+        UDEV_ClearSyslogMode();
+        qmtest::ReplaceSyslog(nullptr);
     }
 };
 

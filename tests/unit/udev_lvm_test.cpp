@@ -4,14 +4,13 @@
 // (lab PipelineLvm).
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
-#include <vector>
 
 #include <unistd.h>
 
 #include "support/pipeline_support.h"
 #include "support/trace_capture.h"
-#include "udev_log.h"
 #include "udev_lvm.h"
 #include "udev_thread.h"
 #include "util_ret.h"
@@ -23,18 +22,8 @@ constexpr const char *kSucceeds = "exit 0";
 
 class LvmTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        UDEV_ResetFlagsForTest();
-        UDEV_ClearActivateLvmRequest();
-        UDEV_SetLvmCommandForTest(kFails);
-    }
-    void TearDown() override
-    {
-        UDEV_ClearActivateLvmRequest();
-        UDEV_SetLvmCommandForTest(nullptr);
-        UDEV_ResetFlagsForTest();
-    }
+    void SetUp() override { UDEV_ClearActivateLvmRequest(); }
+    void TearDown() override { UDEV_ClearActivateLvmRequest(); }
     static void Ticks()
     {
         for (unsigned tick = 0; tick < UDEV_LVM_DUE_TICKS; ++tick) {
@@ -58,12 +47,11 @@ TEST_F(LvmTest, RetryCounterSurvivesASuccess)
     int retryCount = 0;
     int step = 0;
     for (const auto &s : steps) {
-        UDEV_SetLvmCommandForTest(s.command);
         if (s.newRequest) {
             UDEV_RequestActivateLvm();
         }
         Ticks();
-        EXPECT_TRUE(UDEV_ActivateLvmCheck(&retryCount)) << "step " << step;
+        EXPECT_TRUE(UDEV_ActivateLvmCheckWith(&retryCount, s.command)) << "step " << step;
         EXPECT_EQ(retryCount, s.retryAfter) << "step " << step;
         Ticks();
         EXPECT_EQ(UDEV_ActivateLvmDue(), s.rearmed) << "step " << step++;
@@ -84,24 +72,32 @@ TEST_F(LvmTest, DueFiveTicksAfterTheLastRequest)
                                                                  : UDEV_ClearActivateLvmRequest();
         }
         int retryCount = 0;
-        EXPECT_EQ(UDEV_ActivateLvmCheck(&retryCount), c.due) << c.script;
+        EXPECT_EQ(UDEV_ActivateLvmCheckWith(&retryCount, kFails), c.due) << c.script;
     }
 }
 
+// Cancelled inside system(), the thread takes the command down with it.
 TEST_F(LvmTest, DestroyEndsTheThreadInALongCommand)
 {
     qmtest::TempDir dir;
-    std::string command = "touch " + dir.File("started") + "; exec sleep 600";
-    UDEV_SetLvmCommandForTest(command.c_str());
-    ASSERT_EQ(UDEV_CreateActivateLvm(), UDEV_RET_OK);
+    const std::string pidFile = dir.File("pid");
+    const std::string command = "echo $$ > " + pidFile + ".part && mv " + pidFile + ".part " + pidFile +
+                                " && exec sleep 600";
+    ASSERT_EQ(UDEV_CreateActivateLvmWith(command.c_str()), UDEV_RET_OK);
     UDEV_RequestActivateLvm();
     Ticks();
-    bool started = qmtest::WaitUntil([&] { return access(dir.File("started").c_str(), F_OK) == 0; });
+    pid_t pid = 0;
+    ASSERT_TRUE(qmtest::WaitUntil([&] {
+        pid = static_cast<pid_t>(std::atol(qmtest::ReadFile(pidFile).c_str()));
+        return pid > 0;
+    }));
     UDEV_DestoryActivateLvm();
-    // The destroyer does not wait; the test waits for the end it caused.
-    EXPECT_TRUE(qmtest::WaitUntil([] { return UDEV_GetActivateLvmState() == UDEV_THREAD_STOP; }));
     EXPECT_TRUE(UDEV_IsStop());
-    EXPECT_TRUE(started);
+    bool ended = qmtest::WaitUntil([&] { return ::kill(pid, 0) != 0; });
+    EXPECT_TRUE(ended) << "the command outlived the thread's cancellation";
+    if (!ended) {
+        (void)::kill(pid, SIGKILL);
+    }
 }
 
 }  // namespace

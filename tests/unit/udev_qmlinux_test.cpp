@@ -48,8 +48,13 @@ Settings Current()
 
 class QmLinuxTest : public ::testing::Test {
 protected:
-    void SetUp() override { UDEV_ResetQmLinuxConfigForTest(); }
-    void TearDown() override { UDEV_ResetQmLinuxConfigForTest(); }
+    // The settings are process-wide: a file that names every default puts
+    // them back between rows.
+    void RestoreDefaults()
+    {
+        ASSERT_EQ(Load("dev_loss_tmo=5\nfast_io_fail_tmo=4\nrecovery_tmo=5\nscsi_timeout=30\n"), UDEV_RET_OK);
+        ASSERT_EQ(Current(), kDefaults);
+    }
 
     std::string WriteFile(const std::string &content)
     {
@@ -126,7 +131,7 @@ TEST_F(QmLinuxTest, LinesOfTheFile)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        UDEV_ResetQmLinuxConfigForTest();
+        RestoreDefaults();
         EXPECT_EQ(Load(row.content), UDEV_RET_OK);
         EXPECT_EQ(Current(), row.expected);
     }

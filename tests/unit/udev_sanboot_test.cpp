@@ -2,16 +2,18 @@
 // report, with the by-uuid listing pointed at a private directory and the
 // service manager replaced by a local notify socket. The lab's SAN-boot
 // tests prove the refusals' exit and the boot partition's link end to end.
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/notify_capture.h"
+#include "support/sys_wrap.h"
 #include "support/trace_capture.h"
-#include "udev_enrich.h"
-#include "udev_log.h"
 #include "udev_sanboot.h"
 #include "util_ret.h"
 
@@ -37,49 +39,49 @@ bool SyslogHas(const std::string &needle)
 const std::string HEX32 = "60050768108101234567890abcdefABC";  // 32 hex digits
 const std::string WWN34 = "0x" + HEX32;
 
-class SanbootTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
+// Runs `body` in a child process, so that it starts from the process-wide
+// start values (no arguments taken, readiness not sent); its failures are
+// reported by the child and fail the test here.
+void InFreshProcess(const std::function<void()> &body)
+{
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
         g_syslog.clear();
-        UDEV_SetSyslogSinkForTest(CatchSyslog);
-        UDEV_ResetFlagsForTest();
-        UDEV_ResetEnrichForTest();
-        UDEV_ResetSanbootForTest();
+        qmtest::ReplaceSyslog(CatchSyslog);
+        body();
+        std::fflush(nullptr);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
     }
-    void TearDown() override
-    {
-        UDEV_ResetSanbootForTest();
-        UDEV_ResetEnrichForTest();
-        UDEV_ResetFlagsForTest();
-        UDEV_SetSyslogSinkForTest(nullptr);
-    }
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child's failures are above";
+}
 
-    int Process(const std::vector<std::string> &args)
-    {
-        args_ = args;
-        argv_.clear();
-        for (std::string &arg : args_) {
-            argv_.push_back(arg.data());
-        }
-        argv_.push_back(nullptr);
-        return UDEV_ProcessSanbootParameter(static_cast<int>(args_.size()), argv_.data());
+int Process(const std::vector<std::string> &args)
+{
+    static std::vector<std::string> kept;
+    static std::vector<char *> argv;
+    kept = args;
+    argv.clear();
+    for (std::string &arg : kept) {
+        argv.push_back(arg.data());
     }
-
-    std::vector<std::string> args_;
-    std::vector<char *> argv_;
-};
+    argv.push_back(nullptr);
+    return UDEV_ProcessSanbootParameter(static_cast<int>(kept.size()), argv.data());
+}
 
 // ---- arguments ------------------------------------------------------------
 
-TEST_F(SanbootTest, ArgumentsChooseLogModeAndReadinessOrEndStartUp)
+TEST(SanbootTest, ArgumentsChooseLogModeAndReadinessOrEndStartUp)
 {
     const struct {
         const char *name;
         std::vector<std::string> args;
         int ret;
         bool syslogMode;
-        int readyState;
+        int readyState;  // 0: ready at the first turn; 1: waits for the partition
         std::string partName;
         const char *syslogMessage;  // expected in the system log; null: none at all
     } rows[] = {
@@ -101,16 +103,27 @@ TEST_F(SanbootTest, ArgumentsChooseLogModeAndReadinessOrEndStartUp)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        SetUp();
-        if (row.ret == UDEV_RET_OK) {
-            UDEV_SetSyslogMode();  // an accepted call sets or clears it itself
-        }
-        EXPECT_EQ(Process(row.args), row.ret);
-        EXPECT_EQ(UDEV_IsSyslogMode(), row.syslogMode);
-        EXPECT_EQ(UDEV_GetReadyState(), row.readyState);
-        EXPECT_EQ(UDEV_GetBootPartNameForTest(), row.partName);
-        EXPECT_EQ(g_syslog.empty(), row.syslogMessage == nullptr);
-        EXPECT_TRUE(row.syslogMessage == nullptr || SyslogHas(row.syslogMessage));
+        InFreshProcess([&] {
+            if (row.ret == UDEV_RET_OK) {
+                UDEV_SetSyslogMode();  // an accepted call sets or clears it itself
+            }
+            EXPECT_EQ(Process(row.args), row.ret);
+            EXPECT_EQ(UDEV_IsSyslogMode(), row.syslogMode);
+            EXPECT_EQ(g_syslog.empty(), row.syslogMessage == nullptr);
+            EXPECT_TRUE(row.syslogMessage == nullptr || SyslogHas(row.syslogMessage));
+            // Readiness tells the state: at the first turn whatever the
+            // listing; or only once the listing shows the stored name.
+            qmtest::TempDir dir;
+            qmtest::NotifyCapture notify;
+            UDEV_PutReadyIn(dir.File("absent").c_str());
+            EXPECT_EQ(notify.Take().size(), row.readyState == 0 ? 1u : 0u);
+            if (row.readyState == 1) {
+                ASSERT_EQ(::symlink(("../../" + row.partName).c_str(), dir.File("1111-aaaa").c_str()), 0);
+                UDEV_PutReadyIn(dir.Path().c_str());
+                EXPECT_EQ(notify.Take(), std::vector<std::string>{"READY=1"});
+                EXPECT_TRUE(SyslogHas("has already found root dir{" + row.partName + "}.\n"));
+            }
+        });
     }
 }
 
@@ -145,7 +158,7 @@ struct ReadyRow {
     bool ready;
 };
 
-TEST_F(SanbootTest, BootPartitionWaitFollowsTheByUuidListing)
+TEST(SanbootTest, BootPartitionWaitFollowsTheByUuidListing)
 {
     const ReadyRow rows[] = {
         {"no directory", "sda1", {}, false, false},
@@ -156,45 +169,46 @@ TEST_F(SanbootTest, BootPartitionWaitFollowsTheByUuidListing)
     };
     for (const ReadyRow &row : rows) {
         SCOPED_TRACE(row.name);
-        SetUp();
-        qmtest::TempDir dir;
-        std::string byUuid = row.dirExists ? dir.Path() : dir.File("absent");
-        for (const Link &link : row.links) {
-            ASSERT_EQ(::symlink(link.target, dir.File(link.name).c_str()), 0);
-        }
-        qmtest::NotifyCapture notify;
-        ASSERT_EQ(Process({"qmudev", WWN34, row.partName}), UDEV_RET_OK);
-        UDEV_SetByUuidDirForTest(byUuid.c_str());
-        UDEV_PutReady();
-        std::vector<std::string> expected;
-        if (row.ready) {
-            expected.push_back("READY=1");
-        }
-        EXPECT_EQ(notify.Take(), expected);
-        EXPECT_EQ(UDEV_GetReadyState(), row.ready ? -1 : 1);
-        EXPECT_EQ(SyslogHas(std::string("has already found root dir{") + row.partName + "}.\n"), row.ready);
-        UDEV_SetByUuidDirForTest(nullptr);
+        InFreshProcess([&] {
+            qmtest::TempDir dir;
+            std::string byUuid = row.dirExists ? dir.Path() : dir.File("absent");
+            for (const Link &link : row.links) {
+                ASSERT_EQ(::symlink(link.target, dir.File(link.name).c_str()), 0);
+            }
+            qmtest::NotifyCapture notify;
+            ASSERT_EQ(Process({"qmudev", WWN34, row.partName}), UDEV_RET_OK);
+            UDEV_PutReadyIn(byUuid.c_str());
+            std::vector<std::string> expected;
+            if (row.ready) {
+                expected.push_back("READY=1");
+            }
+            EXPECT_EQ(notify.Take(), expected);
+            EXPECT_EQ(SyslogHas(std::string("has already found root dir{") + row.partName + "}.\n"), row.ready);
+            // Sent once: the next turn says nothing, whatever the listing.
+            UDEV_PutReadyIn(byUuid.c_str());
+            EXPECT_TRUE(notify.Take().empty());
+        });
     }
 }
 
-TEST_F(SanbootTest, CommandLineThatDoesNotFitIsLoggedAndRetriedNextTurn)
+TEST(SanbootTest, CommandLineThatDoesNotFitIsLoggedAndRetriedNextTurn)
 {
+    g_syslog.clear();
+    qmtest::ReplaceSyslog(CatchSyslog);
     qmtest::NotifyCapture notify;
     ASSERT_EQ(Process({"qmudev", WWN34, std::string(31, 'q')}), UDEV_RET_OK);
     // 128 bytes hold the fixed directory and a 31-character name; a longer
     // directory here pushes the line past them.
     std::string longDir = "/tmp/" + std::string(80, 'd');
-    UDEV_SetByUuidDirForTest(longDir.c_str());
-    UDEV_PutReady();
-    UDEV_PutReady();
+    UDEV_PutReadyIn(longDir.c_str());
+    UDEV_PutReadyIn(longDir.c_str());
     EXPECT_TRUE(notify.Take().empty());
-    EXPECT_EQ(UDEV_GetReadyState(), 1);
     size_t failures = 0;
     for (const std::string &record : g_syslog) {
         failures += record == "sprintf_s partition disk name string fail\n" ? 1 : 0;
     }
     EXPECT_EQ(failures, 2u);
-    UDEV_SetByUuidDirForTest(nullptr);
+    qmtest::ReplaceSyslog(nullptr);
 }
 
 }  // namespace

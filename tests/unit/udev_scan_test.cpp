@@ -1,6 +1,7 @@
 // The start-up scan: the batch made of udev's disks, and its reconciliation
 // with the driver's device numbers, through the index and through the linear
-// lookup that stands in when the index runs out of memory.
+// lookup that stands in when the index runs out of memory (operator new of
+// the test binary fails on demand).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,6 +12,9 @@
 
 #include "misc_ioctl.h"
 #include "securec.h"
+#include "support/alloc_fail.h"
+#include "support/pipeline_support.h"
+#include "support/sys_wrap.h"
 #include "support/udev_support.h"
 #include "udev_event.h"
 #include "udev_list.h"
@@ -19,7 +23,14 @@
 
 namespace {
 
-using namespace qmtest;
+// Not the whole of qmtest: its Add and Remove are the driver's calls.
+using qmtest::AllocationBudget;
+using qmtest::BlockDevice;
+using qmtest::LogCapture;
+using qmtest::ReplaceIoctl;
+using qmtest::TakeQueued;
+using qmtest::Testbed;
+using qmtest::VendorList;
 using Batch = std::vector<std::pair<std::string, std::string>>;  // action, devNum
 
 std::pair<std::string, std::string> Add(const std::string &devNum)
@@ -50,7 +61,6 @@ void AppendAdds(UdevListHead *head, const std::vector<std::string> &devNums)
 }
 
 std::string g_driverList;  // what the driver answers a GET with
-Batch g_handedOver;
 
 int GetOnlyDriver(int, unsigned long request, void *arg)
 {
@@ -68,29 +78,27 @@ class ScanTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        g_handedOver.clear();
-        UDEV_SetScanHandOverForTest([](UdevListHead *list) {
-            g_handedOver = ListOf(list);
-            UDEV_DeleteEventList(list);
-        });
-        UTIL_MiscSetForTest(1000, GetOnlyDriver);
+        ReplaceIoctl(GetOnlyDriver);
+        ASSERT_EQ(INTF_UTIL_MiscIoctlInitAt("/dev/null"), UDEV_RET_OK);
     }
     void TearDown() override
     {
-        UDEV_DeleteEventList(UDEV_GetScanListForTest());
-        UDEV_SetScanHandOverForTest(nullptr);
-        UDEV_SetScanIndexBudgetForTest(-1);
-        UTIL_MiscSetForTest(-1, nullptr);
+        INTF_UTIL_MiscIoctlClose();
+        ReplaceIoctl(nullptr);
     }
-    // What the reconciliation makes of `adds` and the driver's `text`.
-    static Batch Reconcile(const std::vector<std::string> &adds, std::string text, int64_t budget)
+    // What the reconciliation makes of `adds` and the driver's `text`; the
+    // index may make `allocations` allocations (negative: any number).
+    static Batch Reconcile(const std::vector<std::string> &adds, std::string text, int64_t allocations)
     {
-        UdevListHead *scanList = UDEV_GetScanListForTest();
-        AppendAdds(scanList, adds);
-        UDEV_SetScanIndexBudgetForTest(budget);
-        UDEV_SplitHanleDeviceNumber(text.data());
-        Batch batch = ListOf(scanList);
-        UDEV_DeleteEventList(scanList);
+        UdevListHead scanList;
+        UDEV_ListInit(&scanList);
+        AppendAdds(&scanList, adds);
+        {
+            AllocationBudget budget(allocations);
+            UDEV_SplitHanleDeviceNumberInto(text.data(), &scanList);
+        }
+        Batch batch = ListOf(&scanList);
+        UDEV_DeleteEventList(&scanList);
         return batch;
     }
 };
@@ -104,11 +112,17 @@ TEST_F(ScanTest, BatchHoldsSupportedDisksThenWhatOnlyTheDriverHolds)
     BlockDevice unsupported = bed.AddFcDisk({.id = {.vendor = "OTHER"}});
     bed.RemoveProperty(bed.AddIscsiDisk().syspath, "MINOR");  // supported, without a number
     g_driverList = unsupported.DevNum();
+    ASSERT_TRUE(UDEV_InitEventList());
     LogCapture log;
     ASSERT_TRUE(UDEV_Scan());
-    EXPECT_EQ(g_handedOver, (Batch{Add(disk.DevNum()), Remove(unsupported.DevNum())}));
+    // Handed to the event list whole: the handle thread's wait takes it.
+    UdevListHead taken;
+    UDEV_ListInit(&taken);
+    ASSERT_TRUE(TakeQueued(&taken));
+    EXPECT_EQ(ListOf(&taken), (Batch{Add(disk.DevNum()), Remove(unsupported.DevNum())}));
     EXPECT_TRUE(log.Has("the device type{partition} of {" + partition.syspath + "} is not suppurted.\n"));
-    EXPECT_TRUE(UDEV_ListEmpty(UDEV_GetScanListForTest()));
+    UDEV_DeleteEventList(&taken);
+    UDEV_ReleaseEventList();
 }
 
 TEST_F(ScanTest, DriverNumbersNotOnTheListBecomeRemovesInTheirOrder)

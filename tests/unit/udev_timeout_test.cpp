@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "support/udev_support.h"
-#include "udev_protocol.h"
 #include "udev_timeout.h"
 #include "util_ret.h"
 

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "mpi_usr_if.h"
 #include "raii.h"
@@ -33,13 +32,17 @@ constexpr ProductField g_productFields[CFG_KEY_COUNT] = {
     &UdevProductNode::driver};
 
 // Reader state of one file: the line buffer and the three flags that the
-// line handler keeps across physical lines.
+// line handler keeps across physical lines, and the list the rules go to.
 struct ConfigReader {
     char buffer[UDEV_CFG_LINE_LEN];
     uint32_t bufferIndex;
     uint8_t lineFlag;
     uint8_t vendorsUnit;
+    UdevListHead *rules;
 };
+
+void HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                      uint8_t *vendorsUnit, UdevListHead *rules);
 
 bool IsDroppedByte(char c)
 {
@@ -65,8 +68,8 @@ void HandleChar(ConfigReader *reader, int c)
         reader->bufferIndex++;
         return;
     }
-    UDEV_HandleSingleLine(reader->buffer, sizeof(reader->buffer), &reader->bufferIndex, &reader->lineFlag,
-                          &reader->vendorsUnit);
+    HandleSingleLine(reader->buffer, sizeof(reader->buffer), &reader->bufferIndex, &reader->lineFlag,
+                     &reader->vendorsUnit, reader->rules);
 }
 
 int FindProductKey(const char *keyName)
@@ -80,11 +83,6 @@ int FindProductKey(const char *keyName)
 }
 
 }  // namespace
-
-const UdevListHead *UDEV_GetProductList()
-{
-    return &g_productList;
-}
 
 UdevProductNode *UDEV_AllocProductNode()
 {
@@ -186,11 +184,12 @@ bool UDEV_DivisionString(char *buffer, uint32_t bufferLen, UdevProductNode *prod
     return true;
 }
 
-void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
+namespace {
+
+// A rule line after the header becomes a rule on `rules`; `func` names the
+// entry point in the records.
+void AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit, UdevListHead *rules, const char *func)
 {
-    MPI_AssertNotNull(buffer);
-    MPI_Assert(bufferLen != 0);
-    MPI_AssertNotNull(vendorsUnit);
     if (strnlen(buffer, bufferLen) == sizeof(CFG_VENDORS_HEADER) - 1 &&
         std::memcmp(buffer, CFG_VENDORS_HEADER, sizeof(CFG_VENDORS_HEADER) - 1) == 0) {
         *vendorsUnit = 1;
@@ -199,26 +198,20 @@ void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
     if (*vendorsUnit != 1) {
         return;
     }
-    UdevProductNode *node = UDEV_AllocProductNode();
-    if (node == nullptr) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc failed");
+    MallocPtr<UdevProductNode> node(UDEV_AllocProductNode());
+    if (!node) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "%s\n", "malloc failed");
         return;
     }
-    if (!UDEV_DivisionString(buffer, bufferLen, node)) {
-        std::free(node);
+    if (!UDEV_DivisionString(buffer, bufferLen, node.get())) {
         return;
     }
-    UDEV_ListAddTail(&node->list, &g_productList);
+    UDEV_ListAddTail(&node.release()->list, rules);
 }
 
-void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
-                           uint8_t *vendorsUnit)
+void HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                      uint8_t *vendorsUnit, UdevListHead *rules)
 {
-    MPI_AssertNotNull(buffer);
-    MPI_Assert(bufferLen != 0);
-    MPI_AssertNotNull(bufferIndex);
-    MPI_AssertNotNull(lineFlag);
-    MPI_AssertNotNull(vendorsUnit);
     if (*lineFlag == 1) {
         *lineFlag = 0;
         return;
@@ -230,36 +223,24 @@ void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferInd
     buffer[end] = '\0';
     (void)UDEV_ClearCharacters(buffer, bufferLen);
     if (buffer[0] != '\0') {
-        UDEV_AnalyzeLine(buffer, bufferLen, vendorsUnit);
+        AnalyzeLine(buffer, bufferLen, vendorsUnit, rules, "UDEV_AnalyzeLine");
     }
     (void)memset_s(buffer, bufferLen, 0, bufferLen);
     *bufferIndex = 0;
 }
 
-namespace {
-
-// The vendor list file; tests point it at files of their own.
-const char *g_vendorConfigPath = UDEV_VENDOR_CONFIG_PATH;
-
-}  // namespace
-
-bool UDEV_InitConfigFromPath(const char *path)
+// Every read; `func` names the entry point in the records.
+bool ReadConfigFile(const char *path, UdevListHead *rules, const char *func)
 {
-    MPI_AssertNotNull(path);
-    ScopedValue<const char *> at(g_vendorConfigPath, path);
-    return UDEV_InitConfig();
-}
-
-bool UDEV_InitConfig()
-{
-    UDEV_ReleaseConfig();
-    FilePtr file(std::fopen(g_vendorConfigPath, "rb+"));
+    UDEV_DeleteProductList(rules);
+    FilePtr file(std::fopen(path, "rb+"));
     if (file == nullptr) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n", "open file failed.");
+        MPI_LogAs(func, MPI_LOG_ERROR, "%s\n", "open file failed.");
         return false;
     }
     (void)std::fseek(file.get(), 0, SEEK_SET);
     ConfigReader reader = {};
+    reader.rules = rules;
     int c;
     while ((c = std::fgetc(file.get())) != EOF) {
         HandleChar(&reader, c);
@@ -267,10 +248,55 @@ bool UDEV_InitConfig()
     return true;
 }
 
+}  // namespace
+
+void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
+{
+    MPI_AssertNotNull(buffer);
+    MPI_Assert(bufferLen != 0);
+    MPI_AssertNotNull(vendorsUnit);
+    AnalyzeLine(buffer, bufferLen, vendorsUnit, &g_productList, __func__);
+}
+
+void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                           uint8_t *vendorsUnit)
+{
+    MPI_AssertNotNull(buffer);
+    MPI_Assert(bufferLen != 0);
+    MPI_AssertNotNull(bufferIndex);
+    MPI_AssertNotNull(lineFlag);
+    MPI_AssertNotNull(vendorsUnit);
+    HandleSingleLine(buffer, bufferLen, bufferIndex, lineFlag, vendorsUnit, &g_productList);
+}
+
+bool UDEV_InitConfig()
+{
+    return ReadConfigFile(UDEV_VENDOR_CONFIG_PATH, &g_productList, __func__);
+}
+
+bool UDEV_InitConfigFromPath(const char *path)
+{
+    MPI_AssertNotNull(path);
+    return ReadConfigFile(path, &g_productList, __func__);
+}
+
+bool UDEV_ReadConfigInto(const char *path, UdevListHead *rules)
+{
+    MPI_AssertNotNull(path);
+    MPI_AssertNotNull(rules);
+    return ReadConfigFile(path, rules, __func__);
+}
+
 void UDEV_ReleaseConfig()
 {
-    while (!UDEV_ListEmpty(&g_productList)) {
-        UdevListHead *link = g_productList.next;
+    UDEV_DeleteProductList(&g_productList);
+}
+
+void UDEV_DeleteProductList(UdevListHead *rules)
+{
+    MPI_AssertNotNull(rules);
+    while (!UDEV_ListEmpty(rules)) {
+        UdevListHead *link = rules->next;
         UDEV_ListDelInit(link);
         std::free(reinterpret_cast<UdevProductNode *>(link));
     }

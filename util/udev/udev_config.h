@@ -18,7 +18,13 @@ struct UdevProductNode {
     char driver[UDEV_CFG_FIELD_LEN];
 };
 
-bool UDEV_InitConfig();
+bool UDEV_InitConfig();  // from UDEV_VENDOR_CONFIG_PATH
+// The same from another file; the rules read replace those loaded before.
+bool UDEV_InitConfigFromPath(const char *path);
+// A file's rules onto a list of the caller's (emptied first), the loaded
+// configuration untouched; UDEV_DeleteProductList frees them.
+bool UDEV_ReadConfigInto(const char *path, UdevListHead *rules);
+void UDEV_DeleteProductList(UdevListHead *rules);
 void UDEV_ReleaseConfig();
 bool UDEV_DeviceIsSupport(const char *vendor, const char *product);
 bool UDEV_MatchProductStr(const char *vendor, const char *product, const UdevProductNode *node);
@@ -31,7 +37,3 @@ UdevProductNode *UDEV_AllocProductNode();
 bool UDEV_ClearCharacters(char *buffer, uint32_t bufferLen);
 bool UDEV_ReplaceCharacters(char *buffer, uint32_t bufferLen);
 void UDEV_ClearTailSpace(char *buffer, uint32_t bufferLen);
-
-// For tests: the loaded rules, and reading another file than the fixed one.
-const UdevListHead *UDEV_GetProductList();
-bool UDEV_InitConfigFromPath(const char *path);

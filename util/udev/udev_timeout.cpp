@@ -1,6 +1,8 @@
 // Transport time-outs written after the driver accepted a SCSI disk. The
-// values belong to the time-out settings module; the devices are looked up
-// in the protocol layer's context and owned here only for one write.
+// values belong to the time-out settings module. The devices are looked up
+// in the protocol layer's libudev context, which lives here, its only user:
+// made before the worker threads start and dropped after they stop, so it
+// needs no lock. Each device is owned here only for one write.
 #include "udev_timeout.h"
 
 #include <cstring>
@@ -11,7 +13,6 @@
 #include "raii.h"
 #include "securec.h"
 #include "udev_event.h"
-#include "udev_protocol.h"
 #include "udev_qmlinux.h"
 #include "util_ret.h"
 
@@ -20,6 +21,8 @@ namespace {
 constexpr size_t TIMEOUT_NAME_LEN = 64;
 constexpr uint32_t TIMEOUT_VALUE_LEN = 16;
 constexpr size_t TIMEOUT_ATTR_COPY_LEN = 32;
+
+UdevPtr g_protocolUdev;
 
 // Holds the configured value of one setting as text.
 struct TimeoutValue {
@@ -36,14 +39,28 @@ bool UDEV_GetTimeoutValue(const char *settingName, TimeoutValue *value)
 
 UdevDevicePtr UDEV_LookupDevice(const char *subsystem, const char *sysname)
 {
-    struct udev *udev = UDEV_ProtocolUdev();
-    if (udev == nullptr) {
+    if (!g_protocolUdev) {
         return nullptr;
     }
-    return UdevDevicePtr(udev_device_new_from_subsystem_sysname(udev, subsystem, sysname));
+    return UdevDevicePtr(udev_device_new_from_subsystem_sysname(g_protocolUdev.get(), subsystem, sysname));
 }
 
 }  // namespace
+
+bool UDEV_ProtocolInitHandle()
+{
+    g_protocolUdev.reset(udev_new());
+    if (!g_protocolUdev) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "udev handle create new udev failed");
+        return false;
+    }
+    return true;
+}
+
+void UDEV_ProtocolReleaseHandle()
+{
+    g_protocolUdev.reset();
+}
 
 void UDEV_SetHbaTimeOut(UdevEventNode *eventNode)
 {

@@ -1,6 +1,7 @@
 // Test support for the event pipeline: a scripted stand-in for the product
 // driver behind the misc channel, draining the event list the way the
-// handle thread does, and deadline-based waiting. Nothing touches /dev.
+// handle thread does, and deadline-based waiting. The channel is open on
+// /dev/null; the driver's ioctls never reach it.
 #pragma once
 
 #include <atomic>
@@ -16,6 +17,7 @@
 
 #include "misc_ioctl.h"
 #include "securec.h"
+#include "support/sys_wrap.h"
 #include "udev_event.h"
 
 namespace qmtest {
@@ -47,11 +49,13 @@ public:
     FakeDriver()
     {
         Current() = this;
-        UTIL_MiscSetForTest(4242, &FakeDriver::Ioctl);
+        ReplaceIoctl(&FakeDriver::Ioctl);
+        (void)INTF_UTIL_MiscIoctlInitAt("/dev/null");
     }
     ~FakeDriver()
     {
-        UTIL_MiscSetForTest(-1, nullptr);
+        INTF_UTIL_MiscIoctlClose();
+        ReplaceIoctl(nullptr);
         Current() = nullptr;
     }
     FakeDriver(const FakeDriver &) = delete;

@@ -8,6 +8,11 @@
 
 #include <libudev.h>
 
+#include <cstdlib>
+#include <mutex>
+
+#include "support/alloc_fail.h"
+#include "support/sys_wrap.h"
 #include "udev_config.h"
 #include "udev_log.h"
 
@@ -18,6 +23,9 @@ namespace {
 // An event that never comes fails the test through a null device.
 constexpr int EVENT_WAIT_MS = 5000;
 
+// Worker threads log while a test reads.
+std::mutex g_capturedMutex;
+
 std::vector<std::string> &Captured()
 {
     static std::vector<std::string> lines;
@@ -26,6 +34,8 @@ std::vector<std::string> &Captured()
 
 void CaptureSink(const char *text)
 {
+    AllocationBudgetPause unlimited;  // a record logged inside a call that runs out of memory
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     Captured().emplace_back(text);
 }
 
@@ -96,27 +106,32 @@ NodeHolder::NodeHolder(NodeHolder &&other) noexcept : node(other.node), dev(std:
 
 LogCapture::LogCapture()
 {
-    Captured().clear();
-    UDEV_SetSyslogSinkForTest(CaptureSink);
+    {
+        std::lock_guard<std::mutex> lock(g_capturedMutex);
+        Captured().clear();
+    }
+    ReplaceSyslog(CaptureSink);
     UDEV_SetSyslogMode();
 }
 
 LogCapture::~LogCapture()
 {
     UDEV_ClearSyslogMode();
-    UDEV_SetSyslogSinkForTest(nullptr);
+    ReplaceSyslog(nullptr);
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     Captured().clear();
 }
 
-const std::vector<std::string> &LogCapture::Lines() const
+std::vector<std::string> LogCapture::Lines() const
 {
+    std::lock_guard<std::mutex> lock(g_capturedMutex);
     return Captured();
 }
 
 size_t LogCapture::Count(const std::string &message) const
 {
     size_t count = 0;
-    for (const std::string &line : Captured()) {
+    for (const std::string &line : Lines()) {
         count += (line == message) ? 1 : 0;
     }
     return count;
@@ -124,7 +139,7 @@ size_t LogCapture::Count(const std::string &message) const
 
 bool LogCapture::Contains(const std::string &fragment) const
 {
-    for (const std::string &line : Captured()) {
+    for (const std::string &line : Lines()) {
         if (line.find(fragment) != std::string::npos) {
             return true;
         }
@@ -145,6 +160,31 @@ VendorList::VendorList(std::initializer_list<std::pair<std::string, std::string>
 VendorList::~VendorList()
 {
     UDEV_ReleaseConfig();
+}
+
+FakeProcDevices::FakeProcDevices() : oldPath_(std::getenv("PATH") ? std::getenv("PATH") : "")
+{
+    WriteFile(dir_.File("cat"), "#!/bin/sh\necho run >> '" + dir_.File("runs") + "'\nexec /bin/cat '" +
+                                    dir_.File("devices") + "'\n");
+    chmod((dir_.Path() + "/cat").c_str(), 0755);
+    Set("");
+    setenv("PATH", (dir_.Path() + ":" + oldPath_).c_str(), 1);
+}
+
+FakeProcDevices::~FakeProcDevices()
+{
+    setenv("PATH", oldPath_.c_str(), 1);
+}
+
+void FakeProcDevices::Set(const std::string &blockLines)
+{
+    const std::string head = "Character devices:\n  1 mem\n\nBlock devices:\n  8 sd\n259 blkext\n";
+    WriteFile(dir_.File("devices"), head + blockLines);
+}
+
+int FakeProcDevices::Runs() const
+{
+    return static_cast<int>(CountOf(ReadFile(dir_.File("runs")), "run\n"));
 }
 
 ReadOnlyAttr::ReadOnlyAttr(const Testbed &bed, const std::string &syspath, const std::string &attr)

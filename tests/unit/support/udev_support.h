@@ -52,7 +52,7 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    const std::vector<std::string> &Lines() const;
+    std::vector<std::string> Lines() const;
     size_t Count(const std::string &message) const;
     bool Has(const std::string &message) const { return Count(message) > 0; }
     bool Contains(const std::string &fragment) const;
@@ -66,6 +66,24 @@ public:
 
 private:
     TempDir dir_;
+};
+
+// A fake `cat` first on PATH while it lives: the daemon's /proc/devices
+// pipeline reads a file of the test's making, and every run is counted.
+class FakeProcDevices {
+public:
+    FakeProcDevices();
+    ~FakeProcDevices();
+    FakeProcDevices(const FakeProcDevices &) = delete;
+    FakeProcDevices &operator=(const FakeProcDevices &) = delete;
+
+    // The block-device lines below the usual head.
+    void Set(const std::string &blockLines);
+    int Runs() const;
+
+private:
+    TempDir dir_;
+    std::string oldPath_;
 };
 
 // One attribute unwritable for this thread: mode 0444, and the DAC override
