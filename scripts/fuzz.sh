@@ -36,21 +36,7 @@ start=$(date +%s)
 # The build dependencies of the daemon, plus clang and its fuzzer and
 # sanitizer runtimes.
 need=(clang-14 libclang-rt-14-dev)
-if [ -f "$top/scripts/deps.sh" ]; then
-  bash "$top/scripts/deps.sh" "${need[@]}"
-else
-  missing=()
-  for p in "${need[@]}"; do
-    if [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" != "install ok installed" ]; then
-      missing+=("$p")
-    fi
-  done
-  if [ ${#missing[@]} -gt 0 ]; then
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -q
-    apt-get install -y -q --no-install-recommends "${missing[@]}"
-  fi
-fi
+bash "$top/scripts/deps.sh" "${need[@]}"
 
 echo "== fuzz: configure and build in $build"
 CC=clang-14 CXX=clang++-14 cmake -S "$top" -B "$build" -G Ninja \
