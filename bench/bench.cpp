@@ -576,7 +576,11 @@ std::string Report(const Results &results, const Options &o, const std::string &
     r << "load average before: " << loadBefore << "load average after:  " << loadAfter;
     r << "runs per subject and size: " << o.runs << " (medians)\n\n";
     r << "| N | figure | daemon | floor | daemon/floor |\n|---:|---|---:|---:|---:|\n";
-    for (const auto &[n, bySubject] : results) {
+    for (const auto &entry : results) {
+        // Named copies, not structured bindings: lambdas below use them, and
+        // clang 14 cannot capture a structured binding.
+        const auto n = entry.first;
+        const auto &bySubject = entry.second;
         auto get = [&](const std::string &subject) -> const std::vector<Measure> * {
             auto it = bySubject.find(subject);
             return it == bySubject.end() ? nullptr : &it->second;

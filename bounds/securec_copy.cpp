@@ -57,6 +57,26 @@ errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count)
     return EOK;
 }
 
+namespace {
+
+// The checks every string routine makes first, in this order: destMax,
+// dest, then src (a null one empties dest). EOK when all pass.
+errno_t CheckStringCall(char *dest, size_t destMax, const char *src)
+{
+    if (!DestMaxInRange(destMax)) {
+        return SECUREC_ERANGE;
+    }
+    if (dest == nullptr) {
+        return SECUREC_EINVAL;
+    }
+    if (src == nullptr) {
+        return ResetString(dest, SECUREC_EINVAL_AND_RESET);
+    }
+    return EOK;
+}
+
+}  // namespace
+
 errno_t memset_s(void *dest, size_t destMax, int c, size_t count)
 {
     if (!DestMaxInRange(destMax)) {
@@ -75,14 +95,9 @@ errno_t memset_s(void *dest, size_t destMax, int c, size_t count)
 
 errno_t strcpy_s(char *dest, size_t destMax, const char *src)
 {
-    if (!DestMaxInRange(destMax)) {
-        return SECUREC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return SECUREC_EINVAL;
-    }
-    if (src == nullptr) {
-        return ResetString(dest, SECUREC_EINVAL_AND_RESET);
+    errno_t err = CheckStringCall(dest, destMax, src);
+    if (err != EOK) {
+        return err;
     }
     size_t srcLen = strnlen(src, destMax);
     if (srcLen >= destMax) {
@@ -100,14 +115,9 @@ errno_t strcpy_s(char *dest, size_t destMax, const char *src)
 
 errno_t strncpy_s(char *dest, size_t destMax, const char *src, size_t count)
 {
-    if (!DestMaxInRange(destMax)) {
-        return SECUREC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return SECUREC_EINVAL;
-    }
-    if (src == nullptr) {
-        return ResetString(dest, SECUREC_EINVAL_AND_RESET);
+    errno_t err = CheckStringCall(dest, destMax, src);
+    if (err != EOK) {
+        return err;
     }
     if (count > SECUREC_STRING_MAX_LEN) {
         return ResetString(dest, SECUREC_ERANGE_AND_RESET);
@@ -135,14 +145,9 @@ errno_t strncpy_s(char *dest, size_t destMax, const char *src, size_t count)
 
 errno_t strcat_s(char *dest, size_t destMax, const char *src)
 {
-    if (!DestMaxInRange(destMax)) {
-        return SECUREC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return SECUREC_EINVAL;
-    }
-    if (src == nullptr) {
-        return ResetString(dest, SECUREC_EINVAL_AND_RESET);
+    errno_t err = CheckStringCall(dest, destMax, src);
+    if (err != EOK) {
+        return err;
     }
     size_t destLen = strnlen(dest, destMax);
     if (destLen == destMax) {

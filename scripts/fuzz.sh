@@ -23,7 +23,7 @@ build=$(cd "$build" && pwd)
 seconds=${QMUDEV_FUZZ_SECONDS:-60}
 jobs=${QMUDEV_FUZZ_JOBS:-$(nproc)}
 parallel=${QMUDEV_FUZZ_PARALLEL:-$(nproc)}
-all_targets="fuzz_bounds fuzz_sscanf fuzz_vendor_config fuzz_qmlinux_config fuzz_misc_get fuzz_devinfo"
+all_targets="fuzz_bounds fuzz_config fuzz_misc_get fuzz_devinfo"
 targets=${QMUDEV_FUZZ_TARGETS:-$all_targets}
 
 case "$seconds$parallel" in
@@ -36,21 +36,7 @@ start=$(date +%s)
 # The build dependencies of the daemon, plus clang and its fuzzer and
 # sanitizer runtimes.
 need=(clang-14 libclang-rt-14-dev)
-if [ -f "$top/scripts/deps.sh" ]; then
-  bash "$top/scripts/deps.sh" "${need[@]}"
-else
-  missing=()
-  for p in "${need[@]}"; do
-    if [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" != "install ok installed" ]; then
-      missing+=("$p")
-    fi
-  done
-  if [ ${#missing[@]} -gt 0 ]; then
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -q
-    apt-get install -y -q --no-install-recommends "${missing[@]}"
-  fi
-fi
+bash "$top/scripts/deps.sh" "${need[@]}"
 
 echo "== fuzz: configure and build in $build"
 CC=clang-14 CXX=clang++-14 cmake -S "$top" -B "$build" -G Ninja \
@@ -93,7 +79,7 @@ run_target() {
     opts+=(-dict="$top/fuzz/$t.dict")
   fi
   case "$t" in
-    fuzz_vendor_config | fuzz_qmlinux_config) opts+=(-max_len=2048) ;;
+    fuzz_config) opts+=(-max_len=2048) ;;
   esac
   local log="$work/fuzz.log" status=0
   (cd "$work" && "$bin" "${opts[@]}" "$work/corpus") >"$log" 2>&1 || status=$?

@@ -437,12 +437,3 @@ std::string Daemon::Stderr() const
 }
 
 }  // namespace qmlab
-
-namespace qmlab {
-
-std::string IoctlProbePath()
-{
-    return FromEnv("QMLAB_PROBE", QMLAB_PROBE_PATH);
-}
-
-}  // namespace qmlab

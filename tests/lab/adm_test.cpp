@@ -81,7 +81,7 @@ TEST(AdmTest, DryRunGivesTheDaemonsVerdictsTextsAndWritesAndTouchesNothing)
     EXPECT_TRUE(lab.sandbox().Syslog().Messages().empty());
 
     Daemon &d = lab.Start({.args = {kBootWwn}});
-    ASSERT_TRUE(WaitAnsweredFor(lab.driver(), DriverOp::Remove, kEndOfScan, 60s)) << d.Stderr();
+    ASSERT_TRUE(WaitAnswered(lab.driver(), DriverOp::Remove, kEndOfScan, 1, 60s)) << d.Stderr();
     ASSERT_TRUE(tb.SyncAttributeWrites());
     std::map<std::string, std::string> adds;
     for (const DriverRequest &r : lab.driver().Requests(DriverOp::Add)) {

@@ -1,15 +1,13 @@
-// Helpers of the end-to-end scenarios: driver requests in a readable form,
-// waits for them, trace records and their times, attribute writes,
-// notifications, the daemon's processes, and live events known to be queued
-// in the daemon.
+// Helpers of the end-to-end scenarios: driver requests and waits for them,
+// trace records, notifications, what a daemon leaves behind, live events.
 #pragma once
 
 #include <algorithm>
 #include <ctime>
 #include <functional>
 #include <iomanip>
+#include <memory>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,28 +21,42 @@ namespace qmlab::test {
 
 using Requests = std::vector<DriverRequest>;
 
-// Held by the driver and not by udev: the scan's REMOVE for it is dispatched
-// after every ADD of the scan's batch, and the handle thread finishes an ADD
-// (time-outs included) before it dispatches the next node. Its answer says
-// that the scan's work is done.
+// Held by the driver, not by udev: the scan's REMOVE for it comes after every
+// ADD of its batch, each finished with its time-outs, so its answer says that
+// the scan's work is done.
 inline constexpr const char *kEndOfScan = "8:240";
-
-// --- Driver requests. -------------------------------------------------------
 
 inline std::string Req(DriverOp op, const std::string &devNum)
 {
     return std::string(DriverOpName(op)) + " " + devNum;
 }
 
-// "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" for the requests of the kinds in `ops`.
-inline std::vector<std::string> Seen(const Requests &all,
-                                     const std::set<DriverOp> &ops = {DriverOp::Add, DriverOp::Remove,
-                                                                      DriverOp::Change})
+inline bool IsEvent(DriverOp op)
+{
+    return op == DriverOp::Add || op == DriverOp::Remove || op == DriverOp::Change;
+}
+
+// 'A' add, 'R' remove, 'C' change: an event's action, a request's kind.
+inline const char *ActionName(char action)
+{
+    return action == 'A' ? "add" : action == 'R' ? "remove" : "change";
+}
+
+inline DriverOp OpOf(char action)
+{
+    return action == 'A' ? DriverOp::Add : action == 'R' ? DriverOp::Remove : DriverOp::Change;
+}
+
+// "ADD 8:0", "REMOVE 8:32", "CHANGE 8:16" in arrival order; with
+// `startAndGet`, "START" and "GET" too.
+inline std::vector<std::string> Seen(const Requests &all, bool startAndGet = false)
 {
     std::vector<std::string> out;
     for (const auto &r : all) {
-        if (ops.count(r.op) != 0) {
+        if (IsEvent(r.op)) {
             out.push_back(Req(r.op, r.DevNum()));
+        } else if (startAndGet && (r.op == DriverOp::Start || r.op == DriverOp::Get)) {
+            out.push_back(DriverOpName(r.op));
         }
     }
     return out;
@@ -64,27 +76,18 @@ inline size_t CountAnswered(const Requests &all, DriverOp op, const std::string 
     }));
 }
 
-inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, size_t n, Clock::duration timeout,
-                         const std::string &devNum = "")
+inline bool WaitAnswered(const DriverEmulator &drv, DriverOp op, const std::string &devNum, size_t n = 1,
+                         Clock::duration timeout = 30s)
 {
     return drv.WaitFor([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
 }
 
-inline bool WaitAnsweredFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum,
-                            Clock::duration timeout)
-{
-    return WaitAnswered(drv, op, 1, timeout, devNum);
-}
-
-// The requests of one kind (and device number, "": any), in arrival order.
-inline Requests RequestsFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum = "")
+// The requests of one kind for one device number, in arrival order.
+inline Requests RequestsFor(const DriverEmulator &drv, DriverOp op, const std::string &devNum)
 {
     Requests out;
-    for (auto &r : drv.Requests(op)) {
-        if (devNum.empty() || r.DevNum() == devNum) {
-            out.push_back(std::move(r));
-        }
-    }
+    auto all = drv.Requests(op);
+    std::copy_if(all.begin(), all.end(), std::back_inserter(out), [&](auto &r) { return r.DevNum() == devNum; });
     return out;
 }
 
@@ -94,8 +97,6 @@ inline Requests After(const Requests &all, const std::function<bool(const Driver
     auto it = std::find_if(all.begin(), all.end(), from);
     return it == all.end() ? Requests{} : Requests(it + 1, all.end());
 }
-
-// --- The trace file. ----------------------------------------------------------
 
 inline std::vector<TraceRecord> RecordsWith(const std::vector<TraceRecord> &records, const std::string &text)
 {
@@ -116,30 +117,15 @@ inline long IndexOf(const std::vector<TraceRecord> &records, const std::string &
     return -1;
 }
 
-// The ERROR records, messages only.
-inline std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &records)
-{
-    std::vector<std::string> out;
-    for (const auto &r : records) {
-        if (r.level == "ERROR") {
-            out.push_back(r.message);
-        }
-    }
-    return out;
-}
-
 // The record's time (the daemon's local time, whole seconds) in seconds since
 // the epoch. Under accelerated time this is the daemon's clock, not the lab's.
-inline std::optional<long> RecordTime(const TraceRecord &record)
+inline long RecordTime(const TraceRecord &record)
 {
     std::tm tm{};
     std::istringstream in(record.time);
     in >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
-    if (in.fail()) {
-        return std::nullopt;
-    }
     tm.tm_isdst = -1;
-    return static_cast<long>(std::mktime(&tm));
+    return in.fail() ? 0 : static_cast<long>(std::mktime(&tm));
 }
 
 // The daemon's record of one answered driver request.
@@ -148,19 +134,11 @@ inline std::string DriverRecord(const std::string &text, const std::string &acti
     return "device{" + text + "} action{" + action + "} with ret{" + std::to_string(status) + "}.";
 }
 
-// --- Attribute writes, notifications, processes. --------------------------------
-
-// "name=value" of every recorded write into the time-out attributes of one
-// sysfs object, in order.
-inline std::vector<std::string> WritesTo(const Testbed &tb, const std::string &syspath)
+// How the daemon ended ("exit 1", ...), or "still running" at the deadline.
+inline std::string ExitOf(Daemon &d, Clock::duration timeout)
 {
-    std::vector<std::string> out;
-    for (const auto &w : tb.AttributeWrites()) {
-        if (w.syspath == syspath) {
-            out.push_back(w.name + "=" + w.value);
-        }
-    }
-    return out;
+    auto status = d.WaitExit(timeout);
+    return status ? status->Describe() : "still running";
 }
 
 inline std::vector<std::string> NotifyTexts(Lab &lab, int pid = 0)
@@ -181,38 +159,39 @@ inline std::vector<int> LabProcesses(Lab &lab)
 {
     const std::string mark = std::string("QMLAB_MISC_SOCKET=") + lab.driver().SocketPath();
     std::vector<int> out;
-    DIR *proc = ::opendir("/proc");
-    if (proc == nullptr) {
-        return out;
-    }
-    while (dirent *e = ::readdir(proc)) {
-        if (e->d_name[0] < '1' || e->d_name[0] > '9') {
-            continue;
-        }
-        std::istringstream entries(ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""));
-        std::string entry;
-        while (std::getline(entries, entry, '\0')) {
-            if (entry == mark) {
-                out.push_back(std::atoi(e->d_name));
-                break;
-            }
+    std::unique_ptr<DIR, int (*)(DIR *)> proc(::opendir("/proc"), ::closedir);
+    while (dirent *e = proc ? ::readdir(proc.get()) : nullptr) {
+        bool pid = e->d_name[0] >= '1' && e->d_name[0] <= '9';
+        if (pid && ('\0' + ReadFile(std::string("/proc/") + e->d_name + "/environ").value_or(""))
+                           .find('\0' + mark + '\0') != std::string::npos) {
+            out.push_back(std::atoi(e->d_name));
         }
     }
-    ::closedir(proc);
     return out;
 }
 
-// --- Live events. -----------------------------------------------------------------
+// After a daemon has exited: no process of the lab runs on, and every open of
+// the driver's device has had its close. The emulator learns of a close when
+// the shim's session socket ends, which may come a moment after the exit, so
+// both are waited for (with a deadline), never sampled.
+inline void ExpectNothingLeftBehind(Lab &lab)
+{
+    EXPECT_TRUE(Eventually([&] { return LabProcesses(lab).empty(); }, 10s))
+        << "something the daemon started is still running";
+    auto opened = [](const Requests &all, DriverOp op) {
+        return std::count_if(all.begin(), all.end(), [op](const DriverRequest &r) { return r.op == op && r.ret >= 0; });
+    };
+    EXPECT_TRUE(lab.driver().WaitFor(
+        [&](const Requests &all) { return opened(all, DriverOp::Open) == opened(all, DriverOp::Close); }, 10s))
+        << "the device was not closed";
+}
 
 // A daemon with live events. The handle thread loses a wake-up that comes
-// while it is busy (by design: its two-minute wake-up catches up); a scenario
-// that waits for the effect of an event therefore sends a harmless event now
-// and then, a "change" of a loop device that the daemon drops, so that
-// whatever is queued is taken without a two-minute wait.
+// while it is busy (by design: its two-minute wake-up catches up), so a wait
+// for an event's effect nudges it now and then with a harmless event: a
+// "change" of a loop device, which the daemon drops (as its scan does).
 class Live {
 public:
-    // The loop device goes into the testbed before the daemon starts (the
-    // start-up scan drops it too).
     explicit Live(Lab &lab) : lab_(lab), poke_(lab.testbed().AddLoop(63)) {}
 
     Daemon &Start(DaemonOptions options = {})
@@ -234,25 +213,19 @@ public:
     // Sends the harmless event, without waiting for it.
     void Nudge() { lab_.testbed().Emit(poke_.syspath, "change", 5s); }
 
-    // Waits until `pred` holds for the driver's requests, nudging the handle
-    // thread every 200 ms meanwhile.
-    bool WaitRequests(const std::function<bool(const Requests &)> &pred, Clock::duration timeout)
+    // Until `n` requests of `op` for the device ("": any) have been
+    // answered, nudging the handle thread every 200 ms meanwhile.
+    bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
     {
-        Deadline deadline(timeout);
-        for (;;) {
-            if (lab_.driver().WaitFor(pred, std::min<Clock::duration>(200ms, deadline.Remaining()))) {
+        for (Deadline deadline(timeout);; Nudge()) {
+            auto slice = std::min<Clock::duration>(200ms, deadline.Remaining());
+            if (qmlab::test::WaitAnswered(lab_.driver(), op, devNum, n, slice)) {
                 return true;
             }
             if (deadline.Expired()) {
                 return false;
             }
-            Nudge();
         }
-    }
-    // Until `n` requests of `op` for the device have been answered.
-    bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
-    {
-        return WaitRequests([&](const Requests &all) { return CountAnswered(all, op, devNum) >= n; }, timeout);
     }
 
 private:

@@ -9,7 +9,7 @@
 
 #include <sys/wait.h>
 
-#include "support/trace_capture.h"
+#include "support/unit_support.h"
 
 using namespace qmtest;
 

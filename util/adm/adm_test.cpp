@@ -24,6 +24,7 @@
 #include "udev_event.h"
 #include "udev_protocol.h"
 #include "udev_query.h"
+#include "udev_sanboot.h"
 #include "udev_timeout.h"
 #include "util_ret.h"
 
@@ -139,7 +140,8 @@ DiskReport Examine(struct udev_device *dev)
     report.name = TextOf(udev_device_get_sysname(dev));
     report.syspath = TextOf(udev_device_get_syspath(dev));
     LogCapture capture;
-    UdevEventNode *node = UDEV_AllocEventNode();
+    UdevEventNodePtr owned(UDEV_AllocEventNode());
+    UdevEventNode *node = owned.get();
     if (node == nullptr) {
         report.log = capture.Take();
         report.reason = "out of memory";
@@ -163,7 +165,6 @@ DiskReport Examine(struct udev_device *dev)
         report.reason = RefusalReason(report.log);
     }
     Identify(dev, node, &report);
-    UDEV_DeleteEventNode(node);
     return report;
 }
 

@@ -67,6 +67,22 @@ std::string SettingValue(const char *name)
 
 // ---- The vendor list -----------------------------------------------------
 
+// Rules read by the daemon's reader onto a list of the tool's own, so that
+// the daemon's loaded configuration is never touched. Owns the rules.
+class RuleList {
+public:
+    RuleList() { UDEV_ListInit(&head_); }
+    ~RuleList() { UDEV_DeleteProductList(&head_); }
+    RuleList(const RuleList &) = delete;  // the head is linked to itself
+    RuleList &operator=(const RuleList &) = delete;
+
+    UdevListHead *Head() { return &head_; }
+    const UdevListHead *Head() const { return &head_; }
+
+private:
+    UdevListHead head_;
+};
+
 // A key the daemon stores (a field of the rule), found by the daemon's own
 // key table: an unknown key leaves a scratch rule untouched.
 bool IsKnownKey(const char *key)
@@ -125,7 +141,7 @@ public:
 
     VendorCheck Run(const std::string &content)
     {
-        UDEV_ReleaseConfig();
+        reader_.rules = rules_.Head();
         LogCapture capture;
         for (char c : content) {
             Feed(c, &capture);
@@ -151,7 +167,7 @@ private:
         if (c == '\n' && reader_.lineFlag == 0 && reader_.bufferIndex < UDEV_CFG_LINE_LEN) {
             raw.assign(reader_.buffer, reader_.bufferIndex);  // before the handler cleans it
         }
-        const UdevListHead *list = UDEV_GetProductList();
+        const UdevListHead *list = rules_.Head();
         const UdevListHead *lastRule = list->prev;
         uint8_t vendorsBefore = reader_.vendorsUnit;
         UDEV_ReadConfigChar(&reader_, static_cast<unsigned char>(c));
@@ -197,6 +213,7 @@ private:
     }
 
     std::string path_;
+    RuleList rules_;
     UdevConfigReader reader_ = {};
     unsigned line_ = 1;
     unsigned start_ = 1;
@@ -356,6 +373,7 @@ private:
 struct VerifyReport {
     std::string vendorsPath = kDefaultVendors;
     std::string settingsPath = kDefaultSettings;
+    RuleList rules;  // as the daemon's reader makes them of the file
     std::vector<unsigned> ruleLines;
     SettingsResult settings;
     std::vector<std::string> defaults;
@@ -370,7 +388,7 @@ std::string ProblemLine(const Problem &problem)
 
 void PrintText(const VerifyReport &report)
 {
-    const UdevListHead *list = UDEV_GetProductList();
+    const UdevListHead *list = report.rules.Head();
     size_t index = 0;
     std::printf("%s: vendor list\n", report.vendorsPath.c_str());
     for (const UdevListHead *link = list->next; link != list; link = link->next, index++) {
@@ -399,7 +417,7 @@ void PrintJson(const VerifyReport &report, int exitCode)
     std::string out;
     JsonWriter json(&out);
     json.BeginObject().Key("vendors").BeginObject().Field("file", report.vendorsPath).Key("rules").BeginArray();
-    const UdevListHead *list = UDEV_GetProductList();
+    const UdevListHead *list = report.rules.Head();
     size_t index = 0;
     for (const UdevListHead *link = list->next; link != list; link = link->next, index++) {
         const auto *rule = reinterpret_cast<const UdevProductNode *>(link);
@@ -442,10 +460,10 @@ void CheckVendors(VerifyReport *report)
     // The rules shown are the ones the daemon's reader makes of the file.
     LogCapture quiet;
     errno = 0;
-    if (!UDEV_InitConfigFromPath(path.c_str())) {
+    if (!UDEV_ReadConfigInto(path.c_str(), report->rules.Head())) {
         report->problems.push_back({path, 0, "cannot be opened for reading and writing (" + HintForOpenError(errno) +
                                    "): the daemon does not start", true});
-    } else if (UDEV_ListEmpty(UDEV_GetProductList())) {
+    } else if (UDEV_ListEmpty(report->rules.Head())) {
         report->problems.push_back({path, 0, check.header ? "no rule after [vendors]: the daemon takes over no disk"
                                    : "no [vendors] line: the daemon reads no rule and takes over no disk"});
     }

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -21,15 +20,9 @@ namespace {
 
 constexpr uint32_t MISC_GET_FIRST_LEN = 1023;  // first GET offers a 1024-byte data area
 
-int SystemIoctl(int fd, unsigned long request, void *arg)
-{
-    return ::ioctl(fd, request, arg);
-}
-
 // -1 closed; 0 also counts as closed. Read by every thread, written only by
-// open/close on the main thread (and by the test seam).
+// open/close on the main thread.
 std::atomic<int> g_miscFd{-1};
-std::atomic<UtilMiscIoctlFn> g_ioctlFn{SystemIoctl};
 
 int LoadFd()
 {
@@ -43,7 +36,7 @@ bool IsOpen()
 
 int IssueIoctl(unsigned long request, void *arg)
 {
-    return g_ioctlFn.load(std::memory_order_relaxed)(LoadFd(), request, arg);
+    return ::ioctl(LoadFd(), request, arg);
 }
 
 char *DataOf(MiscCtrlParam *param)
@@ -106,34 +99,33 @@ bool NeedLenAcceptable(uint32_t needLen)
     return true;
 }
 
-}  // namespace
-
-namespace {
-
-// The device node the channel opens; tests point it at a stand-in.
-const char *g_miscDevicePath = MISC_DEVICE_PATH;
-
-}  // namespace
-
-int INTF_UTIL_MiscIoctlInitAt(const char *path)
-{
-    ScopedValue<const char *> at(g_miscDevicePath, path);
-    return INTF_UTIL_MiscIoctlInit();
-}
-
-int INTF_UTIL_MiscIoctlInit()
+// Both opens; `func` names the entry point in the records.
+int UTIL_MiscOpen(const char *path, const char *func)
 {
     if (IsOpen()) {
-        MPI_Log(MPI_LOG_WARN, "already open /dev/%s.\n", MISC_DEVICE_NAME);
+        MPI_LogAs(func, MPI_LOG_WARN, "already open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_OK;
     }
-    int fd = ::open(g_miscDevicePath, O_RDWR);
+    int fd = ::open(path, O_RDWR);
     g_miscFd.store(fd, std::memory_order_relaxed);
     if (fd < 0) {
-        MPI_Log(MPI_LOG_ERROR, "Failed to open /dev/%s.\n", MISC_DEVICE_NAME);
+        MPI_LogAs(func, MPI_LOG_ERROR, "Failed to open /dev/%s.\n", MISC_DEVICE_NAME);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;
+}
+
+}  // namespace
+
+int INTF_UTIL_MiscIoctlInit()
+{
+    return UTIL_MiscOpen(MISC_DEVICE_PATH, __func__);
+}
+
+int INTF_UTIL_MiscIoctlInitAt(const char *path)
+{
+    MPI_AssertNotNull(path);
+    return UTIL_MiscOpen(path, __func__);
 }
 
 void INTF_UTIL_MiscIoctlClose()
@@ -276,15 +268,4 @@ MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t reco
         return nullptr;
     }
     return devNums;
-}
-
-int UTIL_MiscGetFd()
-{
-    return LoadFd();
-}
-
-void UTIL_MiscSetForTest(int fd, UtilMiscIoctlFn ioctlFn)
-{
-    g_miscFd.store(fd, std::memory_order_relaxed);
-    g_ioctlFn.store(ioctlFn != nullptr ? ioctlFn : SystemIoctl, std::memory_order_relaxed);
 }

@@ -50,7 +50,8 @@ inline constexpr const char *MISC_DEVICE_PATH = "/dev/misc_qmnv";
 constexpr uint32_t MISC_GET_MAX_LEN = 16u * 1024u * 1024u;
 
 int INTF_UTIL_MiscIoctlInit();
-// Init against another device node (tests and the lab); Init uses MISC_DEVICE_PATH.
+// The same open of another device node; Init opens MISC_DEVICE_PATH. The
+// messages name MISC_DEVICE_NAME whatever the node.
 int INTF_UTIL_MiscIoctlInitAt(const char *path);
 void INTF_UTIL_MiscIoctlClose();
 int INTF_UTIL_MiscIoctlStart();
@@ -60,16 +61,9 @@ int INTF_UTIL_MiscIoctlChange(const char *devNum);
 // The driver's device-number list as one blank-separated text, or null.
 MallocPtr<char> INTF_UTIL_MiscIoctlGet();
 
-// Record helpers, exposed for the tests and the fuzz target.
+// Record helpers: the request record and the copy of a GET reply.
 MallocPtr<MiscCtrlParam> UTIL_MiscAllocCtrlNode(const char *text, uint32_t len);
 // recordSize is the size of the block the reply came in (header included);
 // its data area is the bufLen of such a record (recordSize - 19): a dataLen
 // beyond it is a bad reply.
 MallocPtr<char> UTIL_MiscAllocDeviceNums(const MiscCtrlParam *param, size_t recordSize);
-
-// Descriptor as the channel sees it (-1 when closed); for tests.
-int UTIL_MiscGetFd();
-// For unit tests: every request goes through `ioctlFn` instead of ioctl(2),
-// and the channel counts `fd` as its descriptor. A null fn restores ioctl(2).
-using UtilMiscIoctlFn = int (*)(int fd, unsigned long request, void *arg);
-void UTIL_MiscSetForTest(int fd, UtilMiscIoctlFn ioctlFn);

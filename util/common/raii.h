@@ -74,19 +74,3 @@ public:
 private:
     int fd_ = -1;
 };
-
-// Gives a variable another value for the life of a scope, then the old one
-// back: the test seams that point a module at a file of their own for one
-// call.
-template <class T>
-class ScopedValue {
-public:
-    ScopedValue(T &var, T value) : var_(var), saved_(std::exchange(var, std::move(value))) {}
-    ~ScopedValue() { var_ = std::move(saved_); }
-    ScopedValue(const ScopedValue &) = delete;
-    ScopedValue &operator=(const ScopedValue &) = delete;
-
-private:
-    T &var_;
-    T saved_;
-};

@@ -52,6 +52,30 @@ UdevEnumeratePtr UTIL_ScanSubsystem(struct udev *udev, const char *subsystem, Ut
     return enumerator;
 }
 
+// Every enumerated device in order, made from its path and dropped after
+// `visit` (path, device or null when it vanished) has seen it; a false from
+// `visit` ends the walk. `func` names the walker in the records.
+template <class Visit>
+void UTIL_WalkEnumeration(struct udev *udev, struct udev_enumerate *enumerator, const char *func, Visit visit)
+{
+    struct udev_list_entry *entry = nullptr;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerator))
+    {
+        const char *path = udev_list_entry_get_name(entry);
+        if (path == nullptr) {
+            MPI_LogAs(func, MPI_LOG_ERROR, "get device path failed.\n");
+            continue;
+        }
+        UdevDevicePtr device(udev_device_new_from_syspath(udev, path));
+        if (!device) {
+            MPI_LogAs(func, MPI_LOG_ERROR, "get device failed devPath:%s.\n", path);
+        }
+        if (!visit(path, device.get())) {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 int INTF_UTIL_TraverseSubsysUdev(struct udev *udev, const char *subsystem, void *ctx, UtilTraverseCallback callback)
@@ -70,25 +94,19 @@ int INTF_UTIL_TraverseSubsysUdev(struct udev *udev, const char *subsystem, void 
 int UTIL_TraverseHandleUdev(struct udev *udev, struct udev_enumerate *enumerator, void *ctx,
                             UtilTraverseCallback callback)
 {
-    struct udev_list_entry *entry = nullptr;
-    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerator))
-    {
-        const char *path = udev_list_entry_get_name(entry);
-        if (path == nullptr) {
-            MPI_Log(MPI_LOG_ERROR, "get device path failed.\n");
-            continue;
+    int result = UDEV_RET_OK;
+    UTIL_WalkEnumeration(udev, enumerator, __func__, [&](const char *, struct udev_device *device) {
+        if (device == nullptr) {
+            return true;  // vanished: the walk goes on without it
         }
-        UdevDevicePtr device(udev_device_new_from_syspath(udev, path));
-        if (!device) {
-            MPI_Log(MPI_LOG_ERROR, "get device failed devPath:%s.\n", path);
-            continue;
-        }
-        int ret = callback(device.get(), ctx);
+        int ret = callback(device, ctx);
         if (ret != UDEV_RET_OK && ret != UDEV_RET_SKIP) {
-            return ret;
+            result = ret;
+            return false;
         }
-    }
-    return UDEV_RET_OK;
+        return true;
+    });
+    return result;
 }
 
 int INTF_UTIL_UdevGetDevice(const char *subsystem, UtilForEachCallback callback)
@@ -113,21 +131,11 @@ int INTF_UTIL_UdevGetDevice(const char *subsystem, UtilForEachCallback callback)
 
 void UTIL_UdevForEach(struct udev *udev, struct udev_enumerate *enumerator, UtilForEachCallback callback)
 {
-    struct udev_list_entry *entry = nullptr;
-    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerator))
-    {
-        const char *path = udev_list_entry_get_name(entry);
-        if (path == nullptr) {
-            MPI_Log(MPI_LOG_ERROR, "get device path failed.\n");
-            continue;
-        }
-        UdevDevicePtr device(udev_device_new_from_syspath(udev, path));
-        if (!device) {
-            // The callback owns the meaning of a device that vanished.
-            MPI_Log(MPI_LOG_ERROR, "get device failed devPath:%s.\n", path);
-        }
-        callback(path, device.get());
-    }
+    // The callback owns the meaning of a device that vanished.
+    UTIL_WalkEnumeration(udev, enumerator, __func__, [&](const char *path, struct udev_device *device) {
+        callback(path, device);
+        return true;
+    });
 }
 
 int INTF_UTIL_GetScsiVendorProduct(struct udev_device *scsiDev, char *vendor, int32_t vendorLen, char *product,

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "mpi_usr_if.h"
 #include "raii.h"
@@ -32,6 +31,9 @@ constexpr ProductField g_productFields[CFG_KEY_COUNT] = {
     &UdevProductNode::ruler_name, &UdevProductNode::vendor_id, &UdevProductNode::product_id,
     &UdevProductNode::driver};
 
+void HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                      uint8_t *vendorsUnit, UdevListHead *rules);
+
 bool IsDroppedByte(char c)
 {
     signed char value = static_cast<signed char>(c);
@@ -40,10 +42,10 @@ bool IsDroppedByte(char c)
 
 }  // namespace
 
-// One character of the file, in file order: the backslash join, the
-// 511-character discard and the newline that hands a line over.
 void UDEV_ReadConfigChar(UdevConfigReader *reader, int c)
 {
+    MPI_AssertNotNull(reader);
+    MPI_AssertNotNull(reader->rules);
     if (c == '\\') {
         reader->lineFlag = 1;
         return;
@@ -60,8 +62,8 @@ void UDEV_ReadConfigChar(UdevConfigReader *reader, int c)
         reader->bufferIndex++;
         return;
     }
-    UDEV_HandleSingleLine(reader->buffer, sizeof(reader->buffer), &reader->bufferIndex, &reader->lineFlag,
-                          &reader->vendorsUnit);
+    HandleSingleLine(reader->buffer, sizeof(reader->buffer), &reader->bufferIndex, &reader->lineFlag,
+                     &reader->vendorsUnit, reader->rules);
 }
 
 namespace {
@@ -77,11 +79,6 @@ int FindProductKey(const char *keyName)
 }
 
 }  // namespace
-
-const UdevListHead *UDEV_GetProductList()
-{
-    return &g_productList;
-}
 
 UdevProductNode *UDEV_AllocProductNode()
 {
@@ -183,11 +180,12 @@ bool UDEV_DivisionString(char *buffer, uint32_t bufferLen, UdevProductNode *prod
     return true;
 }
 
-void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
+namespace {
+
+// A rule line after the header becomes a rule on `rules`; `func` names the
+// entry point in the records.
+void AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit, UdevListHead *rules, const char *func)
 {
-    MPI_AssertNotNull(buffer);
-    MPI_Assert(bufferLen != 0);
-    MPI_AssertNotNull(vendorsUnit);
     if (strnlen(buffer, bufferLen) == sizeof(CFG_VENDORS_HEADER) - 1 &&
         std::memcmp(buffer, CFG_VENDORS_HEADER, sizeof(CFG_VENDORS_HEADER) - 1) == 0) {
         *vendorsUnit = 1;
@@ -196,26 +194,20 @@ void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
     if (*vendorsUnit != 1) {
         return;
     }
-    UdevProductNode *node = UDEV_AllocProductNode();
-    if (node == nullptr) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc failed");
+    MallocPtr<UdevProductNode> node(UDEV_AllocProductNode());
+    if (!node) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "%s\n", "malloc failed");
         return;
     }
-    if (!UDEV_DivisionString(buffer, bufferLen, node)) {
-        std::free(node);
+    if (!UDEV_DivisionString(buffer, bufferLen, node.get())) {
         return;
     }
-    UDEV_ListAddTail(&node->list, &g_productList);
+    UDEV_ListAddTail(&node.release()->list, rules);
 }
 
-void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
-                           uint8_t *vendorsUnit)
+void HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                      uint8_t *vendorsUnit, UdevListHead *rules)
 {
-    MPI_AssertNotNull(buffer);
-    MPI_Assert(bufferLen != 0);
-    MPI_AssertNotNull(bufferIndex);
-    MPI_AssertNotNull(lineFlag);
-    MPI_AssertNotNull(vendorsUnit);
     if (*lineFlag == 1) {
         *lineFlag = 0;
         return;
@@ -227,36 +219,24 @@ void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferInd
     buffer[end] = '\0';
     (void)UDEV_ClearCharacters(buffer, bufferLen);
     if (buffer[0] != '\0') {
-        UDEV_AnalyzeLine(buffer, bufferLen, vendorsUnit);
+        AnalyzeLine(buffer, bufferLen, vendorsUnit, rules, "UDEV_AnalyzeLine");
     }
     (void)memset_s(buffer, bufferLen, 0, bufferLen);
     *bufferIndex = 0;
 }
 
-namespace {
-
-// The vendor list file; tests point it at files of their own.
-const char *g_vendorConfigPath = UDEV_VENDOR_CONFIG_PATH;
-
-}  // namespace
-
-bool UDEV_InitConfigFromPath(const char *path)
+// Every read; `func` names the entry point in the records.
+bool ReadConfigFile(const char *path, UdevListHead *rules, const char *func)
 {
-    MPI_AssertNotNull(path);
-    ScopedValue<const char *> at(g_vendorConfigPath, path);
-    return UDEV_InitConfig();
-}
-
-bool UDEV_InitConfig()
-{
-    UDEV_ReleaseConfig();
-    FilePtr file(std::fopen(g_vendorConfigPath, "rb+"));
+    UDEV_DeleteProductList(rules);
+    FilePtr file(std::fopen(path, "rb+"));
     if (file == nullptr) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n", "open file failed.");
+        MPI_LogAs(func, MPI_LOG_ERROR, "%s\n", "open file failed.");
         return false;
     }
     (void)std::fseek(file.get(), 0, SEEK_SET);
     UdevConfigReader reader = {};
+    reader.rules = rules;
     int c;
     while ((c = std::fgetc(file.get())) != EOF) {
         UDEV_ReadConfigChar(&reader, c);
@@ -264,10 +244,55 @@ bool UDEV_InitConfig()
     return true;
 }
 
+}  // namespace
+
+void UDEV_AnalyzeLine(char *buffer, uint32_t bufferLen, uint8_t *vendorsUnit)
+{
+    MPI_AssertNotNull(buffer);
+    MPI_Assert(bufferLen != 0);
+    MPI_AssertNotNull(vendorsUnit);
+    AnalyzeLine(buffer, bufferLen, vendorsUnit, &g_productList, __func__);
+}
+
+void UDEV_HandleSingleLine(char *buffer, uint32_t bufferLen, uint32_t *bufferIndex, uint8_t *lineFlag,
+                           uint8_t *vendorsUnit)
+{
+    MPI_AssertNotNull(buffer);
+    MPI_Assert(bufferLen != 0);
+    MPI_AssertNotNull(bufferIndex);
+    MPI_AssertNotNull(lineFlag);
+    MPI_AssertNotNull(vendorsUnit);
+    HandleSingleLine(buffer, bufferLen, bufferIndex, lineFlag, vendorsUnit, &g_productList);
+}
+
+bool UDEV_InitConfig()
+{
+    return ReadConfigFile(UDEV_VENDOR_CONFIG_PATH, &g_productList, __func__);
+}
+
+bool UDEV_InitConfigFromPath(const char *path)
+{
+    MPI_AssertNotNull(path);
+    return ReadConfigFile(path, &g_productList, __func__);
+}
+
+bool UDEV_ReadConfigInto(const char *path, UdevListHead *rules)
+{
+    MPI_AssertNotNull(path);
+    MPI_AssertNotNull(rules);
+    return ReadConfigFile(path, rules, __func__);
+}
+
 void UDEV_ReleaseConfig()
 {
-    while (!UDEV_ListEmpty(&g_productList)) {
-        UdevListHead *link = g_productList.next;
+    UDEV_DeleteProductList(&g_productList);
+}
+
+void UDEV_DeleteProductList(UdevListHead *rules)
+{
+    MPI_AssertNotNull(rules);
+    while (!UDEV_ListEmpty(rules)) {
+        UdevListHead *link = rules->next;
         UDEV_ListDelInit(link);
         std::free(reinterpret_cast<UdevProductNode *>(link));
     }

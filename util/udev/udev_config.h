@@ -19,17 +19,27 @@ struct UdevProductNode {
 };
 
 // Reader state of one file: the line buffer and the three flags that the
-// line handler keeps across physical lines. UDEV_InitConfig feeds it the
-// file one character at a time; a tool that checks a file feeds it the
-// same way and knows at each character which line it is on.
+// line handler keeps across physical lines, and the list the rules go to
+// (the caller's). The readers below feed it the file one character at a
+// time; a tool that checks a file feeds it the same way and knows at each
+// character which line it is on.
 struct UdevConfigReader {
     char buffer[UDEV_CFG_LINE_LEN];
     uint32_t bufferIndex;
     uint8_t lineFlag;
     uint8_t vendorsUnit;
+    UdevListHead *rules;
 };
 
-bool UDEV_InitConfig();
+bool UDEV_InitConfig();  // from UDEV_VENDOR_CONFIG_PATH
+// The same from another file; the rules read replace those loaded before.
+bool UDEV_InitConfigFromPath(const char *path);
+// A file's rules onto a list of the caller's (emptied first), the loaded
+// configuration untouched; UDEV_DeleteProductList frees them.
+bool UDEV_ReadConfigInto(const char *path, UdevListHead *rules);
+void UDEV_DeleteProductList(UdevListHead *rules);
+// One character of the file, in file order: the backslash join, the
+// 511-character discard and the newline that hands a line over.
 void UDEV_ReadConfigChar(UdevConfigReader *reader, int c);
 void UDEV_ReleaseConfig();
 bool UDEV_DeviceIsSupport(const char *vendor, const char *product);
@@ -43,7 +53,3 @@ UdevProductNode *UDEV_AllocProductNode();
 bool UDEV_ClearCharacters(char *buffer, uint32_t bufferLen);
 bool UDEV_ReplaceCharacters(char *buffer, uint32_t bufferLen);
 void UDEV_ClearTailSpace(char *buffer, uint32_t bufferLen);
-
-// For tests: the loaded rules, and reading another file than the fixed one.
-const UdevListHead *UDEV_GetProductList();
-bool UDEV_InitConfigFromPath(const char *path);

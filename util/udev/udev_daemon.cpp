@@ -1,6 +1,6 @@
 // Start-up, the one-second main loop and shutdown. Everything here runs on
 // the initial thread; the workers only ever touch the stop flag, which
-// lives with logging (udev_log).
+// lives with the threads (udev_thread).
 #include "udev_daemon.h"
 
 #include <cerrno>
@@ -29,6 +29,7 @@
 #include "udev_sanboot.h"
 #include "udev_scan.h"
 #include "udev_thread.h"
+#include "udev_timeout.h"
 #include "util_ret.h"
 
 namespace {
@@ -81,6 +82,52 @@ void RunMainLoop()
         }
         UDEV_PutReady();
     }
+}
+
+// Both locks; `func` names the entry point in the records.
+bool LockPidFile(const char *path, const char *func)
+{
+    UniqueFd fd(::open(path, O_WRONLY | O_CREAT, UDEV_PID_FILE_MODE));
+    if (!fd) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "can't open %s: %s\n", path, std::strerror(errno));
+        std::exit(UDEV_EXIT_FAIL);
+    }
+    if (UDEV_LockFile(fd.get()) < 0) {
+        if (errno == EACCES || errno == EAGAIN) {
+            return false;  // another instance runs; it says so itself
+        }
+        MPI_LogAs(func, MPI_LOG_ERROR, "can't lock %s: %s\n", path, std::strerror(errno));
+        std::exit(UDEV_EXIT_FAIL);
+    }
+    if (!WritePid(fd.get())) {
+        return false;
+    }
+    g_pidLockFd = std::move(fd);
+    return true;
+}
+
+// How far start-up got; each stage holds what the ones before it made.
+enum class InitStage { MISC_OPEN, CONFIG_READ, EVENTS_READY };
+
+// The one undo of start-up, also the release of the orderly shutdown. Not
+// the reverse of the making: configuration first, then the event list and
+// the protocol layer's udev context, the misc device last.
+void ReleaseFrom(InitStage reached)
+{
+    if (reached >= InitStage::CONFIG_READ) {
+        UDEV_ReleaseConfig();
+    }
+    if (reached >= InitStage::EVENTS_READY) {
+        UDEV_ReleaseEventList();
+        UDEV_ProtocolReleaseHandle();
+    }
+    INTF_UTIL_MiscIoctlClose();
+}
+
+// The protocol layer's context first: without it the lists are not set up.
+bool InitEvents()
+{
+    return UDEV_ProtocolInitHandle() && UDEV_InitEventList();
 }
 
 // After a shutdown that left a worker running, the process ends without
@@ -139,60 +186,36 @@ bool UDEV_Init()
     if (INTF_UTIL_MiscIoctlInit() != UDEV_RET_OK) {
         return false;
     }
-    if (!UDEV_CheckRunning() || !UDEV_TriggerAchieveBindInfo() || !UDEV_InitConfig()) {
-        INTF_UTIL_MiscIoctlClose();
-        return false;
+    InitStage reached = InitStage::MISC_OPEN;
+    bool made = UDEV_CheckRunning() && UDEV_TriggerAchieveBindInfo() && UDEV_InitConfig();
+    if (made) {
+        reached = InitStage::CONFIG_READ;
+        // Optional: on any failure the defaults stand.
+        (void)UDEV_InitQmLinuxConfig();
+        made = InitEvents();
     }
-    // Optional: on any failure the defaults stand.
-    (void)UDEV_InitQmLinuxConfig();
-    if (!UDEV_InitEventList()) {
-        UDEV_ReleaseConfig();
-        INTF_UTIL_MiscIoctlClose();
-        return false;
+    if (made) {
+        reached = InitStage::EVENTS_READY;
+        made = UDEV_CreateThreads() == UDEV_RET_OK;
+        if (!made) {
+            MPI_Log(MPI_LOG_ERROR, "%s\n", "failed to create threads");
+        }
     }
-    if (UDEV_CreateThreads() != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n", "failed to create threads");
-        UDEV_ReleaseConfig();
-        UDEV_ReleaseEventList();
-        INTF_UTIL_MiscIoctlClose();
-        return false;
+    if (!made) {
+        ReleaseFrom(reached);
     }
-    return true;
-}
-
-namespace {
-
-// The pid file; tests point it at a file of their own.
-const char *g_pidFilePath = UDEV_PID_FILE;
-
-}  // namespace
-
-bool UDEV_CheckRunningAt(const char *path)
-{
-    ScopedValue<const char *> at(g_pidFilePath, path);
-    return UDEV_CheckRunning();
+    return made;
 }
 
 bool UDEV_CheckRunning()
 {
-    const char *path = g_pidFilePath;
-    UniqueFd fd(::open(path, O_WRONLY | O_CREAT, UDEV_PID_FILE_MODE));
-    if (!fd) {
-        MPI_Log(MPI_LOG_ERROR, "can't open %s: %s\n", path, std::strerror(errno));
-        std::exit(UDEV_EXIT_FAIL);
-    }
-    if (UDEV_LockFile(fd.get()) < 0) {
-        if (errno == EACCES || errno == EAGAIN) {
-            return false;  // another instance runs; it says so itself
-        }
-        MPI_Log(MPI_LOG_ERROR, "can't lock %s: %s\n", path, std::strerror(errno));
-        std::exit(UDEV_EXIT_FAIL);
-    }
-    if (!WritePid(fd.get())) {
-        return false;
-    }
-    g_pidLockFd = std::move(fd);
-    return true;
+    return LockPidFile(UDEV_PID_FILE, __func__);
+}
+
+bool UDEV_CheckRunningAt(const char *path)
+{
+    MPI_AssertNotNull(path);
+    return LockPidFile(path, __func__);
 }
 
 int UDEV_LockFile(int fd)
@@ -241,7 +264,7 @@ void UDEV_DestroyThreads()
 }
 
 // Release order: configuration, event list (its nodes, condition variable
-// and mutex, then the protocol layer's udev context), misc device.
+// and mutex), the protocol layer's udev context, misc device.
 // Who may touch what while a worker runs:
 //  - handle thread: the vendor list and the time-out settings, the event
 //    list and its lock, the protocol layer's udev context, the misc device
@@ -261,9 +284,7 @@ void UDEV_Shutdown()
         MPI_Log(MPI_LOG_ERROR, "%s\n",
                 "worker thread still running, configuration, event list and misc device left to the end of the process.");
     } else {
-        UDEV_ReleaseConfig();
-        UDEV_ReleaseEventList();
-        INTF_UTIL_MiscIoctlClose();
+        ReleaseFrom(InitStage::EVENTS_READY);
     }
     NotifyShutdown();
 }

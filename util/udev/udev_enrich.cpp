@@ -1,51 +1,21 @@
-// Enrichment and filtering of event records. This module owns the SAN-boot
-// WWN (written once at start-up, before the threads) and the cached block
-// major of the product's driver (used by the handle thread only).
+// Enrichment and filtering of event records: device number, action and
+// the protocol's fields. No state of its own: the SAN-boot WWN belongs to
+// udev_sanboot, the protocol table to udev_protocol.
 #include "udev_enrich.h"
 
-#include <cstdio>
 #include <cstring>
 
 #include <libudev.h>
 
 #include "mpi_usr_if.h"
-#include "raii.h"
 #include "securec.h"
+#include "udev_devinfo.h"
 #include "udev_event.h"
 #include "udev_protocol.h"
+#include "udev_sanboot.h"
 #include "util_ret.h"
 
 namespace {
-
-constexpr int SANBOOT_WWN_TEXT_LEN = 34;  // "0x" and 32 hexadecimal digits
-constexpr size_t WWN_MIN_DIGITS = 32;
-
-const char *const VLUN_MAJOR_COMMAND =
-    "cat /proc/devices 2>/dev/null | grep '[[:blank:]]quillmesh$' | awk -F ' ' '{print $1}'";
-
-char g_sanbootWwn[UDEV_WWN_LEN] = {0};
-char g_vlunMajor[UDEV_MAJOR_LEN] = {0};
-
-bool UDEV_IsHexDigit(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-// The length rule here (at least 32) differs from the caller's (exactly 34)
-// on purpose.
-bool UDEV_IsHexWwn(const char *wwn)
-{
-    if (wwn == nullptr || strnlen(wwn, WWN_MIN_DIGITS) < WWN_MIN_DIGITS) {
-        return false;
-    }
-    const char *digits = (wwn[0] == '0' && wwn[1] == 'x') ? wwn + 2 : wwn;
-    for (; *digits != '\0'; ++digits) {
-        if (!UDEV_IsHexDigit(*digits)) {
-            return false;
-        }
-    }
-    return true;
-}
 
 bool UDEV_StartsWith(const char *text, const char *prefix)
 {
@@ -143,13 +113,8 @@ int UDEV_InitAddEventNode(struct udev_device *udevDev, UdevEventNode *eventNode)
 int UDEV_InitRemoveEventNode(UdevEventNode *eventNode)
 {
     MPI_AssertNotNull(eventNode);
-    // The driver knows a removed disk by devNum alone; the zero-filled
-    // record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "remove", 6) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "remove");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    // The driver knows a removed disk by devNum alone.
+    return UDEV_SetEventAction(eventNode, "remove", __func__);
 }
 
 int UDEV_InitChangeEventNode(UdevEventNode *eventNode)
@@ -165,61 +130,5 @@ int UDEV_InitChangeEventNode(UdevEventNode *eventNode)
         MPI_Log(MPI_LOG_DEBUG, "filter change event{%s}.\n", eventNode->devNum);
         return UDEV_RET_FAIL;
     }
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "change", 6) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "change");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
-}
-
-bool UDEV_FilterDeviceByWwn(const char *wwn)
-{
-    if (wwn == nullptr || g_sanbootWwn[0] == '\0' || std::strcmp(g_sanbootWwn, wwn) == 0) {
-        return true;
-    }
-    MPI_Log(MPI_LOG_INFO, "specific the device of wwn{%s} to take over, but current wwn {%s} to filter.\n",
-            g_sanbootWwn, wwn);
-    return false;
-}
-
-bool UDEV_SetSanbootWwn(const char *wwn, int len)
-{
-    if (wwn == nullptr || len != SANBOOT_WWN_TEXT_LEN || !UDEV_IsHexWwn(wwn)) {
-        return false;
-    }
-    return strncpy_s(g_sanbootWwn, sizeof(g_sanbootWwn), wwn, sizeof(g_sanbootWwn) - 1) == EOK;
-}
-
-const char *UDEV_GetVlunMajorFromFile()
-{
-    // Re-run while empty: the driver may register its major later.
-    if (g_vlunMajor[0] != '\0') {
-        return g_vlunMajor;
-    }
-    PipePtr pipe(popen(VLUN_MAJOR_COMMAND, "r"));
-    if (!pipe) {
-        MPI_Log(MPI_LOG_ERROR, "run command{%s} failed.\n", VLUN_MAJOR_COMMAND);
-        return nullptr;
-    }
-    // fgets leaves its buffer undefined on a read error, so the cache only
-    // takes a line that was read whole.
-    char line[UDEV_MAJOR_LEN] = {0};
-    if (std::fgets(line, sizeof(line), pipe.get()) != nullptr) {
-        size_t length = strnlen(line, sizeof(line));
-        if (length > 0 && line[length - 1] == '\n') {
-            line[length - 1] = '\0';
-        }
-        if (strcpy_s(g_vlunMajor, sizeof(g_vlunMajor), line) != EOK) {
-            g_vlunMajor[0] = '\0';
-        }
-    }
-    pipe.reset();
-    MPI_Log(MPI_LOG_INFO, "get major{%s} form /proc/devices.\n", g_vlunMajor);
-    return g_vlunMajor;
-}
-
-void UDEV_ResetEnrichForTest()
-{
-    (void)memset_s(g_sanbootWwn, sizeof(g_sanbootWwn), 0, sizeof(g_sanbootWwn));
-    (void)memset_s(g_vlunMajor, sizeof(g_vlunMajor), 0, sizeof(g_vlunMajor));
+    return UDEV_SetEventAction(eventNode, "change", __func__);
 }

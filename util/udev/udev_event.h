@@ -1,9 +1,10 @@
 // The event record that carries one block-disk event through the pipeline,
-// and the two lists that hold records: the shared event list (mutex,
-// condition variable, ready flag) and the handle thread's working list.
+// and the queue that carries records to the handle thread: the shared event
+// list with its mutex, condition variable and ready flag.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "udev_list.h"
 
@@ -17,11 +18,10 @@ constexpr int32_t UDEV_TRANSPORT_FCP = 0;
 constexpr int32_t UDEV_TRANSPORT_ISCSI = 5;
 constexpr int32_t UDEV_TRANSPORT_UNKNOWN = 15;
 
-constexpr int64_t UDEV_RETRY_WAIT_SECONDS = 120;
-
 // One heap record per event, allocated whole and zero-filled. The node owns
 // one reference to udevDev and drops it when it is deleted. Only the thread
 // that holds the node (builder, then the handle thread) touches its fields.
+// A node on no list links to itself.
 struct UdevEventNode {
     UdevListHead list;  // first member: a link is the node's address
     uint8_t isRetry;
@@ -48,9 +48,12 @@ inline UdevEventNode *UDEV_NodeOf(UdevListHead *link)
 UdevEventNode *UDEV_AllocEventNode();
 void UDEV_DeleteEventNode(UdevEventNode *eventNode);
 void UDEV_DeleteEventList(UdevListHead *list);
-bool UDEV_DispatchEventNode(UdevEventNode *udevEvent);
-bool UDEV_FindUdevEvent(UdevListHead *list, UdevEventNode *udevEvent);
-bool UDEV_CheckEventRetry(UdevEventNode *udevEvent);
+
+// Owns a node that is on no list yet; whoever links it releases it.
+struct UdevEventNodeDelete {
+    void operator()(UdevEventNode *eventNode) const { UDEV_DeleteEventNode(eventNode); }
+};
+using UdevEventNodePtr = std::unique_ptr<UdevEventNode, UdevEventNodeDelete>;
 
 // The event list. Add/AddList/Clear take the mutex for their whole work.
 void UDEV_AddEventNode(UdevEventNode *node);
@@ -60,25 +63,9 @@ bool UDEV_InitEventList();
 void UDEV_ReleaseEventList();
 
 // For the handle thread: waits once, unconditionally, on the condition
-// variable, then moves every queued node to the tail of the working list.
+// variable, then moves every queued node to the tail of `working`.
 // Returns false when nothing was queued. A cancellation inside the wait
 // leaves the mutex unlocked.
 bool UDEV_WaitAndTakeEvents(UdevListHead *working);
 // Signals the condition variable without taking the mutex (thread tear-down).
 void UDEV_SignalEventList();
-// The handle thread's private working list (set empty by UDEV_InitEventList).
-UdevListHead *UDEV_GetWorkingList();
-
-// Marks a node whose dispatch the driver refused: it waits on the working
-// list for UDEV_RETRY_WAIT_SECONDS before it is tried again.
-void UDEV_MarkEventRetry(UdevEventNode *eventNode);
-// The clock of the retry rule: `time` in seconds.
-int64_t UDEV_GetEventTime();
-
-// Test seams. A null argument restores the production function.
-using UdevEventClockFn = int64_t (*)();
-void UDEV_SetEventClockForTest(UdevEventClockFn clock);
-using UdevAddFinishFn = void (*)(uint32_t protocol, UdevEventNode *eventNode);
-void UDEV_SetAddFinishForTest(UdevAddFinishFn finish);
-// Number of times the event list's condition variable was signalled.
-uint64_t UDEV_GetEventSignalCountForTest();

@@ -3,7 +3,9 @@
 // nodes and the only one that talks to the driver about events, so events
 // reach the driver one at a time and in queue order, and neither the
 // working list nor the nodes on it need a lock (see udev_event.cpp for the
-// event-list mutex, the only lock it takes).
+// event-list mutex, the only lock it takes). Its whole policy is here: what
+// supersedes a node, what counts as a done dispatch for each action, the
+// retry wait, and the time-out writes after an accepted add.
 //
 // One walk has two passes over the working list.
 //  1. Nodes new on this walk (not marked for retry), in list order: the LVM
@@ -43,24 +45,41 @@
 #include <libudev.h>
 #include <pthread.h>
 
+#include "misc_ioctl.h"
 #include "mpi_usr_if.h"
 #include "udev_enrich.h"
 #include "udev_event.h"
-#include "udev_log.h"
 #include "udev_lvm.h"
+#include "udev_protocol.h"
 #include "udev_thread.h"
 #include "util_ret.h"
 
 namespace {
 
 UdevWorker g_handle;
+UdevListHead g_workingList = {&g_workingList, &g_workingList};  // this thread's alone
 
-std::atomic<UdevVlunMajorFn> g_vlunMajorSource{nullptr};
+constexpr int64_t UDEV_RETRY_STILL_WAITING = UDEV_RETRY_WAIT_SECONDS - 1;
 
-const char *UDEV_VlunMajor()
+bool UDEV_IsAddSuccess(int ret)
 {
-    UdevVlunMajorFn source = g_vlunMajorSource.load(std::memory_order_relaxed);
-    return source != nullptr ? source() : UDEV_GetVlunMajorFromFile();
+    return ret == UDEV_RET_OK || ret == UDEV_DRV_ADD_DONE || ret == UDEV_DRV_ADD_DONE_NOFINISH;
+}
+
+// Remove and change share one success set; it differs from add's on purpose.
+bool UDEV_IsRemoveSuccess(int ret)
+{
+    return ret == UDEV_RET_OK || ret == UDEV_DRV_REMOVE_DONE_B || ret == UDEV_DRV_REMOVE_DONE_A;
+}
+
+void UDEV_RunAddFinish(UdevEventNode *udevEvent)
+{
+    // A stop that came while the add was with the driver skips the time-out
+    // writes: the daemon is going down and the walk ends here.
+    if (UDEV_IsStop()) {
+        return;
+    }
+    UDEV_ProtocolHandleAddFinish(udevEvent->protocol, udevEvent);
 }
 
 bool UDEV_IsVlunAddEvent(UdevEventNode *eventNode)
@@ -76,7 +95,7 @@ bool UDEV_IsVlunAddEvent(UdevEventNode *eventNode)
     if (action == nullptr || std::strcmp(action, "add") != 0) {
         return false;
     }
-    const char *vlunMajor = UDEV_VlunMajor();
+    const char *vlunMajor = UDEV_GetVlunMajorFromFile();
     return vlunMajor != nullptr && std::strcmp(vlunMajor, major) == 0;
 }
 
@@ -224,7 +243,7 @@ int UDEV_HandleWait()
 {
     g_handle.state.store(UDEV_THREAD_RUNNING, std::memory_order_release);
     while (!UDEV_IsStop()) {
-        if (!UDEV_WaitAndTakeEvents(UDEV_GetWorkingList())) {
+        if (!UDEV_WaitAndTakeEvents(&g_workingList)) {
             MPI_Log(MPI_LOG_DEBUG, "%s\n", "udev handle thread running......");
         }
         // Also when nothing new came: that is how nodes waiting for a retry
@@ -236,11 +255,78 @@ int UDEV_HandleWait()
 
 }  // namespace
 
-void UDEV_HandleEvent()
+bool UDEV_DispatchEventNode(UdevEventNode *udevEvent)
 {
-    UdevListHead *list = UDEV_GetWorkingList();
+    MPI_AssertNotNull(udevEvent);
+    if (std::strcmp(udevEvent->action, "add") == 0) {
+        int ret = INTF_UTIL_MiscIoctlAdd(udevEvent->devInfo);
+        // 1052 counts as done but the driver did not take the disk as new:
+        // no time-outs to set.
+        if (ret == UDEV_RET_OK || ret == UDEV_DRV_ADD_DONE) {
+            UDEV_RunAddFinish(udevEvent);
+        }
+        return UDEV_IsAddSuccess(ret);
+    }
+    if (std::strcmp(udevEvent->action, "remove") == 0) {
+        return UDEV_IsRemoveSuccess(INTF_UTIL_MiscIoctlRemove(udevEvent->devNum));
+    }
+    if (std::strcmp(udevEvent->action, "change") == 0) {
+        return UDEV_IsRemoveSuccess(INTF_UTIL_MiscIoctlChange(udevEvent->devNum));
+    }
+    // Reported and counted as done, so that it is dropped and never retried.
+    MPI_Log(MPI_LOG_INFO, "input node action{%s} not support.\n", udevEvent->action);
+    return true;
+}
+
+// The reference rule of supersession: a linear walk. The walk answers the
+// same question from an index (SupersedeIndex) and falls back to this one
+// when the index cannot be built.
+bool UDEV_FindUdevEvent(UdevListHead *list, UdevEventNode *udevEvent)
+{
+    MPI_AssertNotNull(list);
+    MPI_AssertNotNull(udevEvent);
+    for (UdevListHead *pos = list->next; pos != list; pos = pos->next) {
+        UdevEventNode *node = UDEV_NodeOf(pos);
+        if (node == udevEvent || !UDEV_IsSuperseder(node)) {
+            continue;
+        }
+        if (std::strcmp(node->devNum, udevEvent->devNum) == 0) {
+            MPI_Log(MPI_LOG_INFO, "find same udev event %s.\n", udevEvent->devNum);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool UDEV_CheckEventRetry(UdevEventNode *udevEvent)
+{
+    MPI_AssertNotNull(udevEvent);
+    if (udevEvent->isRetry != 1) {
+        return false;
+    }
+    // Unsigned on purpose: a clock that stepped back wraps to a huge
+    // difference, and the node is tried again at once.
+    uint64_t waited = static_cast<uint64_t>(UDEV_GetTime()) - static_cast<uint64_t>(udevEvent->retryTime);
+    return waited <= static_cast<uint64_t>(UDEV_RETRY_STILL_WAITING);
+}
+
+void UDEV_MarkEventRetry(UdevEventNode *eventNode)
+{
+    MPI_AssertNotNull(eventNode);
+    eventNode->isRetry = 1;
+    eventNode->retryTime = UDEV_GetTime();
+}
+
+void UDEV_HandleEventList(UdevListHead *list)
+{
+    MPI_AssertNotNull(list);
     UDEV_PrepareNewEvents(list);
     UDEV_DispatchWorkingList(list);
+}
+
+void UDEV_HandleEvent()
+{
+    UDEV_HandleEventList(&g_workingList);
 }
 
 void *UDEV_HandleThr(void * /* arg */)
@@ -258,18 +344,7 @@ void *UDEV_HandleThr(void * /* arg */)
 
 int UDEV_CreateHandleThread()
 {
-    int err = 0;
-    switch (UDEV_StartWorker(g_handle, UDEV_HandleThr, &err)) {
-        case UdevStartResult::STARTED:
-            return UDEV_RET_OK;
-        case UdevStartResult::CREATE_FAILED:
-            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev handle thread: %s\n", strerror(err));
-            return UDEV_RET_FAIL;
-        case UdevStartResult::START_TIMEOUT:
-            break;
-    }
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev handle thread success but wait run timeout.");
-    return UDEV_RET_FAIL;
+    return UDEV_CreateWorker(g_handle, UDEV_HandleThr, nullptr, "qmudev handle thread", __func__);
 }
 
 // Stop flag, wake-up, then cancel at once: the thread is normally asleep in
@@ -288,14 +363,4 @@ void UDEV_DestoryHandleThread()
     if (!UDEV_StopWorker(g_handle, true)) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev handle thread wait stop timeout.");
     }
-}
-
-int UDEV_GetHandleThreadState()
-{
-    return g_handle.state.load(std::memory_order_acquire);
-}
-
-void UDEV_SetVlunMajorForTest(UdevVlunMajorFn source)
-{
-    g_vlunMajorSource.store(source, std::memory_order_relaxed);
 }

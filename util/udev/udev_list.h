@@ -47,34 +47,29 @@ inline void UDEV_ListDelInit(UdevListHead *node)
     UDEV_ListInit(node);
 }
 
-// Moves all nodes of `from`, in order, behind the last node of `to`.
-inline void UDEV_ListSpliceTailInit(UdevListHead *from, UdevListHead *to)
+// Moves all nodes of `from`, in order, between two adjacent links.
+inline void UDEV_ListSpliceBetween(UdevListHead *from, UdevListHead *prev, UdevListHead *next)
 {
     if (UDEV_ListEmpty(from)) {
         return;
     }
     UdevListHead *first = from->next;
     UdevListHead *last = from->prev;
-    UdevListHead *tail = to->prev;
-    tail->next = first;
-    first->prev = tail;
-    last->next = to;
-    to->prev = last;
+    prev->next = first;
+    first->prev = prev;
+    last->next = next;
+    next->prev = last;
     UDEV_ListInit(from);
+}
+
+// Moves all nodes of `from`, in order, behind the last node of `to`.
+inline void UDEV_ListSpliceTailInit(UdevListHead *from, UdevListHead *to)
+{
+    UDEV_ListSpliceBetween(from, to->prev, to);
 }
 
 // Moves all nodes of `from`, in order, in front of the first node of `to`.
 inline void UDEV_ListSpliceInit(UdevListHead *from, UdevListHead *to)
 {
-    if (UDEV_ListEmpty(from)) {
-        return;
-    }
-    UdevListHead *first = from->next;
-    UdevListHead *last = from->prev;
-    UdevListHead *head = to->next;
-    to->next = first;
-    first->prev = to;
-    last->next = head;
-    head->prev = last;
-    UDEV_ListInit(from);
+    UDEV_ListSpliceBetween(from, to, to->next);
 }

@@ -24,7 +24,6 @@
 #include "mpi_usr_if.h"
 #include "raii.h"
 #include "udev_event.h"
-#include "udev_log.h"
 #include "udev_thread.h"
 #include "util_ret.h"
 
@@ -79,13 +78,13 @@ void UDEV_MonitorSendEvent(struct udev_device *udevDev)
 {
     MPI_AssertNotNull(udevDev);
     UdevDevicePtr device(udevDev);
-    UdevEventNode *eventNode = UDEV_AllocEventNode();
-    if (eventNode == nullptr) {
+    UdevEventNodePtr eventNode(UDEV_AllocEventNode());
+    if (!eventNode) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc event udev failed.");
         return;
     }
     eventNode->udevDev = device.release();  // the node owns the reference now
-    UDEV_AddEventNode(eventNode);
+    UDEV_AddEventNode(eventNode.release());
 }
 
 void UDEV_MonitorObtainEvent(struct udev_monitor *monitor)
@@ -171,20 +170,9 @@ void *UDEV_MonitorThr(void * /* arg */)
 
 int UDEV_CreateMonitorThread()
 {
-    int err = 0;
     // A thread whose set-up failed has already ended (and set the stop
     // flag): that still counts as started.
-    switch (UDEV_StartWorker(g_monitor, UDEV_MonitorThr, &err)) {
-        case UdevStartResult::STARTED:
-            return UDEV_RET_OK;
-        case UdevStartResult::CREATE_FAILED:
-            MPI_Log(MPI_LOG_ERROR, "failed to create qmudev monitor thread: %s\n", strerror(err));
-            return UDEV_RET_FAIL;
-        case UdevStartResult::START_TIMEOUT:
-            break;
-    }
-    MPI_Log(MPI_LOG_ERROR, "%s\n", "create qmudev monitor thread success but wait run timeout.");
-    return UDEV_RET_FAIL;
+    return UDEV_CreateWorker(g_monitor, UDEV_MonitorThr, nullptr, "qmudev monitor thread", __func__);
 }
 
 // The thread normally sits in poll, where cancellation is open; its RAII
@@ -196,9 +184,4 @@ void UDEV_DestoryMonitorThread()
     if (!UDEV_StopWorker(g_monitor, true)) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "destory qmudev monitor thread wait stop timeout.");
     }
-}
-
-int UDEV_GetMonitorThreadState()
-{
-    return g_monitor.state.load(std::memory_order_acquire);
 }

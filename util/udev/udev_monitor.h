@@ -19,6 +19,3 @@ void UDEV_MonitorSendEvent(struct udev_device *udevDev);  // takes over the refe
 // multipathd do: a storm of events must not overflow the kernel socket.
 constexpr int UDEV_MONITOR_RCVBUF_SIZE = 128 * 1024 * 1024;
 constexpr int UDEV_MONITOR_POLL_MS = 120000;
-
-// Run state of the monitor thread (UDEV_THREAD_*), for diagnostics and tests.
-int UDEV_GetMonitorThreadState();

@@ -10,7 +10,7 @@
 
 #include "mpi_usr_if.h"
 #include "securec.h"
-#include "udev_config.h"
+#include "udev_devinfo.h"
 #include "udev_event.h"
 #include "udev_query.h"
 #include "util_ret.h"
@@ -76,12 +76,7 @@ int UDEV_NvmeInitAddEventNodeInfo(struct udev_device *udevDev, UdevEventNode *ev
     if (UDEV_NvmeInitEventNodeInfo(udevDev, eventNode) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    // Three letters only: the zero-filled record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "add", 3) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "add");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_SetEventAction(eventNode, "add", __func__);
 }
 
 void UDEV_NvmeHandleAddFinish(UdevEventNode * /* eventNode */)
@@ -126,18 +121,12 @@ int UDEV_NvmeInitEventNodeInfo(struct udev_device *udevDev, UdevEventNode *udevE
 
 int UDEV_NvmeInitEventNodeManufacturer(struct udev_device *udevDev, UdevEventNode *eventNode)
 {
-    char vendor[UTIL_VENDOR_LEN] = {0};
-    char product[UTIL_PRODUCT_LEN] = {0};
-    if (INTF_UTIL_GetNvmeVendorProduct(udevDev, vendor, UTIL_VENDOR_LEN, product, UTIL_PRODUCT_LEN) != UDEV_RET_OK) {
+    UdevVendorProduct found;
+    if (UDEV_CheckVendorProduct(udevDev, INTF_UTIL_GetNvmeVendorProduct, &found, __func__) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    if (!UDEV_DeviceIsSupport(vendor, product)) {
-        MPI_Log(MPI_LOG_ERROR, "check the vendor{%s} product{%s} is not support.\n", vendor, product);
-        return UDEV_RET_FAIL;
-    }
-    size_t used = strnlen(eventNode->devInfo, sizeof(eventNode->devInfo));
-    if (sprintf_s(eventNode->devInfo + used, sizeof(eventNode->devInfo) - used, "%s %s ", vendor, product) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s vendor{%s} product{%s} to devinfo fail.\n", vendor, product);
+    if (!UDEV_AppendDevInfo(eventNode, "%s %s ", found.vendor, found.product)) {
+        MPI_Log(MPI_LOG_ERROR, "sprintf_s vendor{%s} product{%s} to devinfo fail.\n", found.vendor, found.product);
         return UDEV_RET_FAIL;
     }
     return UDEV_RET_OK;
@@ -157,11 +146,5 @@ int UDEV_NvmeInitEventNodeHctl(struct udev_device *udevDev, UdevEventNode *event
     // Both come from the namespace itself, not from its controller.
     eventNode->lun = UDEV_NvmeAttrToInt(udevDev, "nsid");
     eventNode->channel = UDEV_NvmeAttrToInt(udevDev, "cntlid");
-    size_t used = strnlen(eventNode->devInfo, sizeof(eventNode->devInfo));
-    if (sprintf_s(eventNode->devInfo + used, sizeof(eventNode->devInfo) - used, "%d:%d:%d:%d", eventNode->host,
-                  eventNode->channel, eventNode->target, eventNode->lun) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s HCTL to devinfo failed for nvme{%s}.\n", name);
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_AppendDevInfoHctl(eventNode, "nvme", name, __func__);
 }

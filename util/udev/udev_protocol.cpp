@@ -1,14 +1,13 @@
-// Protocol dispatch. This module owns the protocol layer's libudev context;
-// the time-out settings borrow it through UDEV_ProtocolUdev().
+// Protocol dispatch. The table is the only state, and it is constant.
 #include "udev_protocol.h"
 
+#include <array>
 #include <cstring>
 
 #include <libudev.h>
 
 #include "mpi_usr_if.h"
-#include "raii.h"
-#include "securec.h"
+#include "udev_devinfo.h"
 #include "udev_event.h"
 #include "udev_nvme.h"
 #include "udev_scsi.h"
@@ -16,48 +15,54 @@
 
 namespace {
 
-constexpr UdevProtocolOps SCSI_OPS = {
-    UDEV_ScsiGetWwnByDevice,
-    UDEV_ScsiInitAddEventNodeInfo,
-    UDEV_ScsiHandleAddFinish,
-};
+using UdevProtocolTable = std::array<UdevProtocolOps, UDEV_PROTOCOL_BUTT>;
 
-constexpr UdevProtocolOps NVME_OPS = {
-    UDEV_NvmeGetWwnByDevice,
-    UDEV_NvmeInitAddEventNodeInfo,
-    UDEV_NvmeHandleAddFinish,
-};
-
-// Created before the worker threads start and dropped after they stop, so
-// it needs no lock.
-UdevPtr g_protocolUdev;
-
-struct UdevProtocolName {
-    const char *prefix;
-    size_t prefixLen;
-    uint32_t protocol;
-    const char *word;
-};
-
-// Order matters: "sd" is tested first.
-constexpr UdevProtocolName PROTOCOL_NAMES[] = {
-    {"sd", 2, UDEV_PROTOCOL_SCSI, "scsi"},
-    {"nvme", 4, UDEV_PROTOCOL_NVME, "nvme"},
-};
-
-const UdevProtocolName *UDEV_ProtocolFindByName(const char *sysname)
+constexpr UdevProtocolTable UDEV_MakeProtocolTable()
 {
-    for (const UdevProtocolName &entry : PROTOCOL_NAMES) {
-        if (std::strncmp(sysname, entry.prefix, entry.prefixLen) == 0) {
-            return &entry;
-        }
-    }
-    return nullptr;
+    UdevProtocolTable table{};
+    table[UDEV_PROTOCOL_SCSI] = {
+        .namePrefix = "sd",
+        .word = "scsi",
+        .getWwnByDevice = UDEV_ScsiGetWwnByDevice,
+        .initAddEventNode = UDEV_ScsiInitAddEventNodeInfo,
+        .handleAddFinish = UDEV_ScsiHandleAddFinish,
+    };
+    table[UDEV_PROTOCOL_NVME] = {
+        .namePrefix = "nvme",
+        .word = "nvme",
+        .getWwnByDevice = UDEV_NvmeGetWwnByDevice,
+        .initAddEventNode = UDEV_NvmeInitAddEventNodeInfo,
+        .handleAddFinish = UDEV_NvmeHandleAddFinish,
+    };
+    return table;
 }
 
-}  // namespace
+// Indexed by the protocol number. Kernel names are matched in this order:
+// "sd" is tested first.
+constexpr UdevProtocolTable g_protocolOpsTable = UDEV_MakeProtocolTable();
 
-const UdevProtocolOps *const g_protocolOpsTable[UDEV_PROTOCOL_BUTT] = {&SCSI_OPS, &NVME_OPS};
+// An entry is written whole or not at all; one without its names was left
+// out. (Function addresses are no constant expressions under the
+// sanitizers, so the names tell.)
+constexpr bool UDEV_ProtocolTableIsFull()
+{
+    for (const UdevProtocolOps &ops : g_protocolOpsTable) {
+        if (ops.namePrefix == nullptr || ops.word == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(UDEV_ProtocolTableIsFull(), "every protocol number has its entry");
+
+// A number at or past the table's end fails the check "protocol < 2" (the
+// text the record carries) and holds the calling thread.
+static_assert(UDEV_PROTOCOL_BUTT == 2, "the check's text names the table's end");
+#define UDEV_PROTOCOL_OPS(protocol)                                   \
+    ((protocol) < UDEV_PROTOCOL_BUTT ? g_protocolOpsTable[(protocol)] \
+                                     : (MPI_AssertFail(__func__, __LINE__, "protocol < 2"), g_protocolOpsTable[0]))
+
+}  // namespace
 
 int UDEV_ProtocolInit(struct udev_device *udevDev, UdevEventNode *eventNode)
 {
@@ -68,55 +73,33 @@ int UDEV_ProtocolInit(struct udev_device *udevDev, UdevEventNode *eventNode)
         MPI_Log(MPI_LOG_ERROR, "%s.\n", "get the device name of udev device failed");
         return UDEV_RET_FAIL;
     }
-    const UdevProtocolName *entry = UDEV_ProtocolFindByName(sysname);
-    if (entry == nullptr) {
-        MPI_Log(MPI_LOG_ERROR, "get the device name{%s} of udev device is not support.\n", sysname);
-        return UDEV_RET_FAIL;
+    for (uint32_t protocol = 0; protocol < UDEV_PROTOCOL_BUTT; ++protocol) {
+        const UdevProtocolOps &ops = g_protocolOpsTable[protocol];
+        if (std::strncmp(sysname, ops.namePrefix, std::strlen(ops.namePrefix)) != 0) {
+            continue;
+        }
+        eventNode->protocol = protocol;
+        if (!UDEV_AppendDevInfo(eventNode, "%s ", ops.word)) {
+            MPI_Log(MPI_LOG_ERROR, "sprintf_s protocol{%s}  to devinfo fail.\n", ops.word);
+            return UDEV_RET_FAIL;
+        }
+        return UDEV_RET_OK;
     }
-    eventNode->protocol = entry->protocol;
-    // A devInfo without a terminator leaves no room at all.
-    size_t used = strnlen(eventNode->devInfo, sizeof(eventNode->devInfo));
-    if (sprintf_s(eventNode->devInfo + used, sizeof(eventNode->devInfo) - used, "%s ", entry->word) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s protocol{%s}  to devinfo fail.\n", entry->word);
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    MPI_Log(MPI_LOG_ERROR, "get the device name{%s} of udev device is not support.\n", sysname);
+    return UDEV_RET_FAIL;
 }
 
 const char *UDEV_ProtocolGetWwnByDevice(uint32_t protocol, struct udev_device *udevDev)
 {
-    MPI_Assert(protocol < 2);
-    return g_protocolOpsTable[protocol]->getWwnByDevice(udevDev);
+    return UDEV_PROTOCOL_OPS(protocol).getWwnByDevice(udevDev);
 }
 
 int UDEV_ProtocolInitAddEventNode(uint32_t protocol, struct udev_device *udevDev, UdevEventNode *eventNode)
 {
-    MPI_Assert(protocol < 2);
-    return g_protocolOpsTable[protocol]->initAddEventNode(udevDev, eventNode);
+    return UDEV_PROTOCOL_OPS(protocol).initAddEventNode(udevDev, eventNode);
 }
 
 void UDEV_ProtocolHandleAddFinish(uint32_t protocol, UdevEventNode *eventNode)
 {
-    MPI_Assert(protocol < 2);
-    g_protocolOpsTable[protocol]->handleAddFinish(eventNode);
-}
-
-bool UDEV_ProtocolInitHandle()
-{
-    g_protocolUdev.reset(udev_new());
-    if (!g_protocolUdev) {
-        MPI_Log(MPI_LOG_ERROR, "%s.\n", "udev handle create new udev failed");
-        return false;
-    }
-    return true;
-}
-
-void UDEV_ProtocolReleaseHandle()
-{
-    g_protocolUdev.reset();
-}
-
-struct udev *UDEV_ProtocolUdev()
-{
-    return g_protocolUdev.get();
+    UDEV_PROTOCOL_OPS(protocol).handleAddFinish(eventNode);
 }

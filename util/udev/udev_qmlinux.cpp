@@ -4,10 +4,8 @@
 #include "udev_qmlinux.h"
 
 #include <cstring>
-#include <utility>
 
 #include "mpi_usr_if.h"
-#include "raii.h"
 #include "read_line.h"
 #include "securec.h"
 #include "udev_config.h"
@@ -15,16 +13,13 @@
 
 namespace {
 
-constexpr QmLinuxCfgItem QMLINUX_DEFAULTS[] = {
+// The defaults, overlaid by what the file sets.
+QmLinuxCfgItem g_qmLinuxCfg[] = {
     {"dev_loss_tmo", 5, 1, 600},
     {"fast_io_fail_tmo", 4, 0, 599},
     {"recovery_tmo", 5, 0, 600},
     {"scsi_timeout", 30, 1, 600},
 };
-constexpr uint32_t QMLINUX_ITEM_COUNT = sizeof(QMLINUX_DEFAULTS) / sizeof(QMLINUX_DEFAULTS[0]);
-
-QmLinuxCfgItem g_qmLinuxCfg[QMLINUX_ITEM_COUNT] = {
-    QMLINUX_DEFAULTS[0], QMLINUX_DEFAULTS[1], QMLINUX_DEFAULTS[2], QMLINUX_DEFAULTS[3]};
 
 QmLinuxCfgItem *FindItem(const char *name)
 {
@@ -122,29 +117,24 @@ int UDEV_HandQmLinuxCfgReadLine(char *line, uint32_t lineLen, void *ctx)
 
 namespace {
 
-// The settings file; tests point it at files of their own.
-const char *g_qmLinuxConfigPath = UDEV_QMLINUX_CONFIG_PATH;
-
-}  // namespace
-
-int UDEV_InitQmLinuxConfigFromPath(const char *path)
+// Both reads; `func` names the entry point in the records.
+int ReadQmLinuxConfig(const char *path, const char *func)
 {
-    ScopedValue<const char *> at(g_qmLinuxConfigPath, path);
-    return UDEV_InitQmLinuxConfig();
-}
-
-int UDEV_InitQmLinuxConfig()
-{
-    int ret = INTF_UTIL_ReadFileHandleByLine(g_qmLinuxConfigPath, nullptr, UDEV_HandQmLinuxCfgReadLine);
+    int ret = INTF_UTIL_ReadFileHandleByLine(path, nullptr, UDEV_HandQmLinuxCfgReadLine);
     if (ret != UDEV_RET_OK) {
-        MPI_Log(MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
+        MPI_LogAs(func, MPI_LOG_ERROR, "init qmLinux config fail with ret{%d}.\n", ret);
     }
     return ret;
 }
 
-void UDEV_ResetQmLinuxConfigForTest()
+}  // namespace
+
+int UDEV_InitQmLinuxConfig()
 {
-    for (uint32_t i = 0; i < QMLINUX_ITEM_COUNT; i++) {
-        g_qmLinuxCfg[i] = QMLINUX_DEFAULTS[i];
-    }
+    return ReadQmLinuxConfig(UDEV_QMLINUX_CONFIG_PATH, __func__);
+}
+
+int UDEV_InitQmLinuxConfigFromPath(const char *path)
+{
+    return ReadQmLinuxConfig(path, __func__);
 }

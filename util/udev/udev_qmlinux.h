@@ -14,11 +14,9 @@ struct QmLinuxCfgItem {
     int32_t highest;
 };
 
-int UDEV_InitQmLinuxConfig();
+int UDEV_InitQmLinuxConfig();  // from UDEV_QMLINUX_CONFIG_PATH
+// The same from another file, over the values in force.
+int UDEV_InitQmLinuxConfigFromPath(const char *path);
 int UDEV_GetQmLinuxCfgValue(const char *name, char *value, uint32_t valueLen);
 int UDEV_UpdateQmLinuxCfg(const char *name, int32_t value);
 int UDEV_HandQmLinuxCfgReadLine(char *line, uint32_t lineLen, void *ctx);
-
-// For tests: read another file, and put the defaults back.
-int UDEV_InitQmLinuxConfigFromPath(const char *path);
-void UDEV_ResetQmLinuxConfigForTest();

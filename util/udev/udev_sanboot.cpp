@@ -1,9 +1,10 @@
-// SAN-boot command line and readiness. The boot partition name and the
-// readiness state belong to the initial thread: the arguments are read
-// before any worker exists and UDEV_PutReady runs from the main loop only.
+// SAN-boot command line, the boot disk's WWN and readiness. The WWN, the
+// boot partition name and the readiness state are written by the initial
+// thread only: the arguments are read before any worker exists and
+// UDEV_PutReady runs from the main loop. The handle thread reads the WWN
+// (the filter) without a lock.
 #include "udev_sanboot.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,8 +15,6 @@
 #include "mpi_usr_if.h"
 #include "raii.h"
 #include "securec.h"
-#include "udev_enrich.h"
-#include "udev_log.h"
 #include "util_ret.h"
 
 namespace {
@@ -28,11 +27,33 @@ constexpr size_t UDEV_READY_CMD_LEN = 128;
 constexpr size_t UDEV_READY_LINE_LEN = 128;
 constexpr const char *UDEV_BY_UUID_DIR = "/dev/disk/by-uuid";
 
-// Atomic only so that the sanitizer build sees no race if a test or the
-// lab reads it from another thread; the daemon writes it from one thread.
-std::atomic<int> g_readyState{UDEV_READY_AT_FIRST_TURN};
+constexpr int SANBOOT_WWN_TEXT_LEN = 34;  // "0x" and 32 hexadecimal digits
+constexpr size_t WWN_MIN_DIGITS = 32;
+
+int g_readyState = UDEV_READY_AT_FIRST_TURN;
 char g_bootPartName[UDEV_BOOT_PART_NAME_LEN] = {};
-const char *g_byUuidDir = UDEV_BY_UUID_DIR;
+char g_sanbootWwn[UDEV_WWN_LEN] = {0};
+
+bool UDEV_IsHexDigit(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// The length rule here (at least 32) differs from the caller's (exactly 34)
+// on purpose.
+bool UDEV_IsHexWwn(const char *wwn)
+{
+    if (wwn == nullptr || strnlen(wwn, WWN_MIN_DIGITS) < WWN_MIN_DIGITS) {
+        return false;
+    }
+    const char *digits = (wwn[0] == '0' && wwn[1] == 'x') ? wwn + 2 : wwn;
+    for (; *digits != '\0'; ++digits) {
+        if (!UDEV_IsHexDigit(*digits)) {
+            return false;
+        }
+    }
+    return true;
+}
 
 int ArgLen(const char *arg)
 {
@@ -50,23 +71,23 @@ int TakeBootPartName(const char *name)
         MPI_Log(MPI_LOG_ERROR, "get the input parameter partition disk name %s failed.\n", name);
         return UDEV_RET_FAIL;
     }
-    g_readyState.store(UDEV_READY_WAIT_PART, std::memory_order_relaxed);
+    g_readyState = UDEV_READY_WAIT_PART;
     return UDEV_RET_OK;
 }
 
 void SendReady()
 {
     (void)sd_notify(0, "READY=1");
-    g_readyState.store(UDEV_READY_SENT, std::memory_order_relaxed);
+    g_readyState = UDEV_READY_SENT;
 }
 
 // Number of by-uuid links whose listing line ends in the partition name;
 // 0 when the pipeline cannot be run or says nothing usable.
-int CountBootPartLinks()
+int CountBootPartLinks(const char *byUuidDir)
 {
     char cmd[UDEV_READY_CMD_LEN] = {};
     // With the fixed directory this is "ls -l /dev/disk/by-uuid 2>/dev/null | grep -c %s$".
-    if (sprintf_s(cmd, sizeof(cmd), "ls -l %s 2>/dev/null | grep -c %s$", g_byUuidDir, g_bootPartName) == -1) {
+    if (sprintf_s(cmd, sizeof(cmd), "ls -l %s 2>/dev/null | grep -c %s$", byUuidDir, g_bootPartName) == -1) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "sprintf_s partition disk name string fail");
         return 0;
     }
@@ -85,6 +106,26 @@ int CountBootPartLinks()
         }
     }
     return count;
+}
+
+// Both readiness checks; `func` names the entry point in the records.
+void PutReady(const char *byUuidDir, const char *func)
+{
+    int state = g_readyState;
+    if (state == UDEV_READY_AT_FIRST_TURN) {
+        MPI_LogAs(func, MPI_LOG_INFO, "%s\n", "qmudev start successfully");
+        SendReady();
+        return;
+    }
+    if (state != UDEV_READY_WAIT_PART) {
+        return;
+    }
+    // No time limit and no back-off: the boot partition may take as long as
+    // the SAN needs, and each turn looks again.
+    if (CountBootPartLinks(byUuidDir) != 0) {
+        MPI_LogAs(func, MPI_LOG_INFO, "has already found root dir{%s}.\n", g_bootPartName);
+        SendReady();
+    }
 }
 
 }  // namespace
@@ -126,43 +167,31 @@ bool UDEV_IsValidPartName(const char *name)
     return true;
 }
 
+bool UDEV_SetSanbootWwn(const char *wwn, int len)
+{
+    if (wwn == nullptr || len != SANBOOT_WWN_TEXT_LEN || !UDEV_IsHexWwn(wwn)) {
+        return false;
+    }
+    return strncpy_s(g_sanbootWwn, sizeof(g_sanbootWwn), wwn, sizeof(g_sanbootWwn) - 1) == EOK;
+}
+
+bool UDEV_FilterDeviceByWwn(const char *wwn)
+{
+    if (wwn == nullptr || g_sanbootWwn[0] == '\0' || std::strcmp(g_sanbootWwn, wwn) == 0) {
+        return true;
+    }
+    MPI_Log(MPI_LOG_INFO, "specific the device of wwn{%s} to take over, but current wwn {%s} to filter.\n",
+            g_sanbootWwn, wwn);
+    return false;
+}
+
 void UDEV_PutReady()
 {
-    int state = g_readyState.load(std::memory_order_relaxed);
-    if (state == UDEV_READY_AT_FIRST_TURN) {
-        MPI_Log(MPI_LOG_INFO, "%s\n", "qmudev start successfully");
-        SendReady();
-        return;
-    }
-    if (state != UDEV_READY_WAIT_PART) {
-        return;
-    }
-    // No time limit and no back-off: the boot partition may take as long as
-    // the SAN needs, and each turn looks again.
-    if (CountBootPartLinks() != 0) {
-        MPI_Log(MPI_LOG_INFO, "has already found root dir{%s}.\n", g_bootPartName);
-        SendReady();
-    }
+    PutReady(UDEV_BY_UUID_DIR, __func__);
 }
 
-int UDEV_GetReadyState()
+void UDEV_PutReadyIn(const char *byUuidDir)
 {
-    return g_readyState.load(std::memory_order_relaxed);
-}
-
-void UDEV_ResetSanbootForTest()
-{
-    g_readyState.store(UDEV_READY_AT_FIRST_TURN, std::memory_order_relaxed);
-    (void)memset_s(g_bootPartName, sizeof(g_bootPartName), 0, sizeof(g_bootPartName));
-    g_byUuidDir = UDEV_BY_UUID_DIR;
-}
-
-void UDEV_SetByUuidDirForTest(const char *dir)
-{
-    g_byUuidDir = dir != nullptr ? dir : UDEV_BY_UUID_DIR;
-}
-
-const char *UDEV_GetBootPartNameForTest()
-{
-    return g_bootPartName;
+    MPI_AssertNotNull(byUuidDir);
+    PutReady(byUuidDir, __func__);
 }

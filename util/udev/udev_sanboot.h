@@ -1,16 +1,21 @@
-// SAN-boot command line and readiness.
+// SAN-boot command line, the boot disk's WWN and its filter, and readiness.
 #pragma once
 
+#include <cstdint>
+
 constexpr unsigned UDEV_BOOT_PART_NAME_LEN = 32;
+constexpr uint32_t UDEV_WWN_LEN = 36;
 
 int UDEV_ProcessSanbootParameter(int argc, char *argv[]);
 bool UDEV_IsValidPartName(const char *name);
+
+// The boot disk's WWN: stored once from the command line, before any
+// thread exists. With none stored, every device passes the filter.
+bool UDEV_SetSanbootWwn(const char *wwn, int len);
+bool UDEV_FilterDeviceByWwn(const char *wwn);
+
+// Once a main-loop turn: "READY=1" at once, or (with a boot partition named
+// on the command line) as soon as /dev/disk/by-uuid lists a link to it.
 void UDEV_PutReady();
-// For tests: the readiness state (0 wait for first turn, 1 wait for the
-// partition, -1 sent) and a reset to the start values.
-int UDEV_GetReadyState();
-void UDEV_ResetSanbootForTest();
-// For tests: list another directory than /dev/disk/by-uuid (null restores
-// it; the text must outlive its use), and the stored boot partition name.
-void UDEV_SetByUuidDirForTest(const char *dir);
-const char *UDEV_GetBootPartNameForTest();
+// The same against another directory of by-uuid links.
+void UDEV_PutReadyIn(const char *byUuidDir);

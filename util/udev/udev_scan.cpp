@@ -4,7 +4,6 @@
 #include "udev_scan.h"
 
 #include <cstring>
-#include <new>
 
 #include <malloc.h>
 #include <string_view>
@@ -24,7 +23,6 @@
 namespace {
 
 UdevListHead g_scanList = {&g_scanList, &g_scanList};
-UdevScanHandOverFn g_handOver = UDEV_AddEventList;
 
 constexpr char SCAN_SUBSYSTEM[] = "block";
 constexpr char SCAN_DEVTYPE[] = "disk";
@@ -35,10 +33,6 @@ constexpr char SCAN_REMOVE_ACTION[] = "remove";
 // quadratic, so the answer of UDEV_InquiryScanNode is kept in a set that
 // follows the list as remove nodes are appended.
 using DevNumIndex = std::unordered_set<std::string_view>;
-
-// Insertions the index may still make before it acts as if memory ran out;
-// negative: no limit. Only tests set a limit.
-int64_t g_indexBudget = -1;
 
 const char *TextOrNull(const char *text)
 {
@@ -54,13 +48,7 @@ std::string_view DevNumOf(const UdevEventNode *node)
 bool IndexAdd(DevNumIndex *index, const UdevEventNode *node) noexcept
 {
     try {
-        if (g_indexBudget == 0) {
-            throw std::bad_alloc();
-        }
         index->insert(DevNumOf(node));
-        if (g_indexBudget > 0) {
-            g_indexBudget--;
-        }
         return true;
     } catch (...) {
         index->clear();
@@ -78,30 +66,15 @@ bool IndexBuild(DevNumIndex *index, UdevListHead *head) noexcept
     return true;
 }
 
-bool IsOnScanList(const DevNumIndex &index, bool indexed, const char *token)
+bool IsOnScanList(const DevNumIndex &index, bool indexed, const char *token, UdevListHead *scanList)
 {
     if (indexed) {
         return index.find(std::string_view(token)) != index.end();
     }
-    return UDEV_InquiryScanNode(token, &g_scanList) != nullptr;
+    return UDEV_InquiryScanNode(token, scanList) != nullptr;
 }
 
 }  // namespace
-
-UdevListHead *UDEV_GetScanListForTest()
-{
-    return &g_scanList;
-}
-
-void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn)
-{
-    g_handOver = (fn != nullptr) ? fn : UDEV_AddEventList;
-}
-
-void UDEV_SetScanIndexBudgetForTest(int64_t insertions)
-{
-    g_indexBudget = insertions;
-}
 
 UdevEventNode *UDEV_InquiryScanNode(const char *devNum, UdevListHead *headNode)
 {
@@ -121,45 +94,61 @@ UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen,
     MPI_AssertNotNull(devNum);
     MPI_AssertNotNull(actionType);
     MPI_Assert(devNumLen != 0);
-    UdevEventNode *node = UDEV_AllocEventNode();
-    if (node == nullptr) {
+    UdevEventNodePtr node(UDEV_AllocEventNode());
+    if (!node) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "malloc failed.");
         return nullptr;
     }
     if (sprintf_s(node->action, sizeof(node->action), "%s", actionType) == -1 ||
         sprintf_s(node->devNum, sizeof(node->devNum), "%s", devNum) == -1) {
-        UDEV_DeleteEventNode(node);
         MPI_Log(MPI_LOG_ERROR, "%s\n", "sprintf_s failed.");
         return nullptr;
     }
-    return node;
+    return node.release();
 }
 
-void UDEV_SplitHanleDeviceNumber(char *devNumber)
+namespace {
+
+// Both reconciliations; `func` names the entry point in the records.
+void SplitDeviceNumbers(char *devNumber, UdevListHead *scanList, const char *func)
 {
-    MPI_AssertNotNull(devNumber);
     if (devNumber[0] == '\0') {
         return;
     }
     DevNumIndex index;
-    bool indexed = IndexBuild(&index, &g_scanList);
+    bool indexed = IndexBuild(&index, scanList);
     char *context = nullptr;
     for (char *token = strtok_s(devNumber, " ", &context); token != nullptr;
          token = strtok_s(nullptr, " ", &context)) {
-        if (IsOnScanList(index, indexed, token)) {
+        if (IsOnScanList(index, indexed, token, scanList)) {
             continue;  // udev still has the disk
         }
         UdevEventNode *node =
             UDEV_GetEventNodeByDevNum(token, static_cast<uint32_t>(std::strlen(token) + 1), SCAN_REMOVE_ACTION);
         if (node == nullptr) {
-            MPI_Log(MPI_LOG_ERROR, "get node failed for remove %s.\n", token);
+            MPI_LogAs(func, MPI_LOG_ERROR, "get node failed for remove %s.\n", token);
             continue;
         }
-        UDEV_ListAddTail(&node->list, &g_scanList);
+        UDEV_ListAddTail(&node->list, scanList);
         if (indexed) {
             indexed = IndexAdd(&index, node);
         }
     }
+}
+
+}  // namespace
+
+void UDEV_SplitHanleDeviceNumber(char *devNumber)
+{
+    MPI_AssertNotNull(devNumber);
+    SplitDeviceNumbers(devNumber, &g_scanList, __func__);
+}
+
+void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList)
+{
+    MPI_AssertNotNull(devNumber);
+    MPI_AssertNotNull(scanList);
+    SplitDeviceNumbers(devNumber, scanList, __func__);
 }
 
 bool UDEV_GetDev()
@@ -175,20 +164,18 @@ bool UDEV_GetDev()
 
 bool UDEV_DispatchEvent(struct udev_device *udevDev)
 {
-    UdevEventNode *node = UDEV_AllocEventNode();
-    if (node == nullptr) {
+    UdevEventNodePtr node(UDEV_AllocEventNode());
+    if (!node) {
         MPI_Log(MPI_LOG_WARN, "%s\n", "get event node by udev device failed.");
         return false;
     }
-    if (UDEV_InitEventNodeBasicInfo(udevDev, node) == UDEV_RET_OK &&
-        UDEV_InitAddEventNode(udevDev, node) == UDEV_RET_OK) {
-        UDEV_ListAddTail(&node->list, &g_scanList);
-        return true;
+    // A refused node goes with whatever the fill left in it.
+    if (UDEV_InitEventNodeBasicInfo(udevDev, node.get()) != UDEV_RET_OK ||
+        UDEV_InitAddEventNode(udevDev, node.get()) != UDEV_RET_OK) {
+        return false;
     }
-    // Whatever the fill left in the node (a device reference included) goes
-    // with it.
-    UDEV_DeleteEventNode(node);
-    return false;
+    UDEV_ListAddTail(&node.release()->list, &g_scanList);
+    return true;
 }
 
 void UDEV_HandBlockDevice(const char *devPath, struct udev_device *udevDev)
@@ -243,7 +230,7 @@ bool UDEV_Scan()
         UDEV_ReleaseScanMemory();
         return false;
     }
-    g_handOver(&g_scanList);
+    UDEV_AddEventList(&g_scanList);
     UDEV_ReleaseScanMemory();
     return true;
 }

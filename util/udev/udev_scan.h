@@ -18,11 +18,6 @@ void UDEV_SplitHanleDeviceNumber(char *devNumber);
 UdevEventNode *UDEV_InquiryScanNode(const char *devNum, UdevListHead *headNode);
 UdevEventNode *UDEV_GetEventNodeByDevNum(const char *devNum, uint32_t devNumLen, const char *actionType);
 
-// For tests: the scan's own list, and the step that hands a finished batch
-// over (UDEV_AddEventList unless replaced; a null fn puts it back).
-UdevListHead *UDEV_GetScanListForTest();
-using UdevScanHandOverFn = void (*)(UdevListHead *list);
-void UDEV_SetScanHandOverForTest(UdevScanHandOverFn fn);
-// For tests: the device-number index fails as if out of memory after this
-// many insertions (negative: never), so that the linear fallback is run.
-void UDEV_SetScanIndexBudgetForTest(int64_t insertions);
+// The reconciliation against another list than the scan's own: an "add"
+// node on `scanList` keeps its device number off the removes appended.
+void UDEV_SplitHanleDeviceNumberInto(char *devNumber, UdevListHead *scanList);

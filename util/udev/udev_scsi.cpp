@@ -9,7 +9,7 @@
 
 #include "mpi_usr_if.h"
 #include "securec.h"
-#include "udev_config.h"
+#include "udev_devinfo.h"
 #include "udev_event.h"
 #include "udev_query.h"
 #include "udev_timeout.h"
@@ -82,13 +82,7 @@ int UDEV_ScsiAppendHctl(struct udev_device *scsiDev, UdevEventNode *eventNode)
     }
     MPI_Log(MPI_LOG_DEBUG, "get device{%s} h:c:t:l{%d:%d:%d:%d}.\n", eventNode->devNum, eventNode->host,
             eventNode->channel, eventNode->target, eventNode->lun);
-    size_t used = strnlen(eventNode->devInfo, sizeof(eventNode->devInfo));
-    if (sprintf_s(eventNode->devInfo + used, sizeof(eventNode->devInfo) - used, "%d:%d:%d:%d", eventNode->host,
-                  eventNode->channel, eventNode->target, eventNode->lun) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s HCTL to devinfo failed for scsi{%s}.\n", name);
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_AppendDevInfoHctl(eventNode, "scsi", name, __func__);
 }
 
 }  // namespace
@@ -109,12 +103,7 @@ int UDEV_ScsiInitAddEventNodeInfo(struct udev_device *udevDev, UdevEventNode *ev
     if (UDEV_ScsiInitEventNodeInfo(udevDev, eventNode) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    // Three letters only: the zero-filled record supplies the terminator.
-    if (memcpy_s(eventNode->action, sizeof(eventNode->action), "add", 3) != EOK) {
-        MPI_Log(MPI_LOG_ERROR, "memcpy_s action{%s} failed.\n", "add");
-        return UDEV_RET_FAIL;
-    }
-    return UDEV_RET_OK;
+    return UDEV_SetEventAction(eventNode, "add", __func__);
 }
 
 void UDEV_ScsiHandleAddFinish(UdevEventNode *eventNode)
@@ -143,17 +132,11 @@ int UDEV_ScsiInitEventNodeInfo(struct udev_device *udevDev, UdevEventNode *event
 
 int UDEV_ScsiCheckUdevDevIsSupport(struct udev_device *scsiDev, UdevEventNode *eventNode)
 {
-    char vendor[UTIL_VENDOR_LEN] = {0};
-    char product[UTIL_PRODUCT_LEN] = {0};
-    if (INTF_UTIL_GetScsiVendorProduct(scsiDev, vendor, UTIL_VENDOR_LEN, product, UTIL_PRODUCT_LEN) != UDEV_RET_OK) {
+    UdevVendorProduct found;
+    if (UDEV_CheckVendorProduct(scsiDev, INTF_UTIL_GetScsiVendorProduct, &found, __func__) != UDEV_RET_OK) {
         return UDEV_RET_FAIL;
     }
-    if (!UDEV_DeviceIsSupport(vendor, product)) {
-        MPI_Log(MPI_LOG_ERROR, "check the vendor{%s} product{%s} is not support.\n", vendor, product);
-        return UDEV_RET_FAIL;
-    }
-    size_t used = strnlen(eventNode->devInfo, sizeof(eventNode->devInfo));
-    if (sprintf_s(eventNode->devInfo + used, sizeof(eventNode->devInfo) - used, "%s %s ", vendor, product) == -1) {
+    if (!UDEV_AppendDevInfo(eventNode, "%s %s ", found.vendor, found.product)) {
         MPI_Log(MPI_LOG_ERROR, "%s.\n", "sprintf_s vendor and product to devinfo for scsidev fail");
         return UDEV_RET_FAIL;
     }

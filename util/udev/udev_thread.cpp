@@ -15,15 +15,59 @@
 // noexcept and none swallows the unwind with catch (...).
 #include "udev_thread.h"
 
+#include <cstring>
+#include <ctime>
+
 #include <pthread.h>
 #include <unistd.h>
 
+#include "mpi_usr_if.h"
+#include "util_ret.h"
+
 namespace {
+
+// Only ever goes from 0 to 1; a relaxed atomic so that the threads' reads
+// are defined.
+std::atomic<int> g_stopFlag{0};
 
 // Set by the initial thread only (the destroyers), read by it too.
 bool g_workerAdrift = false;
 
+enum class UdevStartResult { STARTED, CREATE_FAILED, START_TIMEOUT };
+
+UdevStartResult StartWorker(UdevWorker &worker, void *(*run)(void *), void *arg, int *err)
+{
+    worker.state.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
+    *err = pthread_create(&worker.thread, nullptr, run, arg);
+    if (*err != 0) {
+        return UdevStartResult::CREATE_FAILED;
+    }
+    worker.live = true;
+    if (UDEV_WaitThreadState(worker.state, true)) {
+        return UdevStartResult::STARTED;
+    }
+    (void)pthread_cancel(worker.thread);
+    (void)pthread_detach(worker.thread);
+    worker.live = false;
+    return UdevStartResult::START_TIMEOUT;
+}
+
 }  // namespace
+
+void UDEV_SetStop()
+{
+    g_stopFlag.store(1, std::memory_order_relaxed);
+}
+
+bool UDEV_IsStop()
+{
+    return g_stopFlag.load(std::memory_order_relaxed) != 0;
+}
+
+int64_t UDEV_GetTime()
+{
+    return static_cast<int64_t>(time(nullptr));
+}
 
 bool UDEV_WaitThreadState(const std::atomic<int> &state, bool acceptRunning)
 {
@@ -56,21 +100,20 @@ void UDEV_DisableCancel()
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
-UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err)
+int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), void *arg, const char *name, const char *func)
 {
-    worker.state.store(UDEV_THREAD_INIT, std::memory_order_relaxed);
-    *err = pthread_create(&worker.thread, nullptr, run, nullptr);
-    if (*err != 0) {
-        return UdevStartResult::CREATE_FAILED;
+    int err = 0;
+    switch (StartWorker(worker, run, arg, &err)) {
+        case UdevStartResult::STARTED:
+            return UDEV_RET_OK;
+        case UdevStartResult::CREATE_FAILED:
+            MPI_LogAs(func, MPI_LOG_ERROR, "failed to create %s: %s\n", name, strerror(err));
+            return UDEV_RET_FAIL;
+        case UdevStartResult::START_TIMEOUT:
+            break;
     }
-    worker.live = true;
-    if (UDEV_WaitThreadState(worker.state, true)) {
-        return UdevStartResult::STARTED;
-    }
-    (void)pthread_cancel(worker.thread);
-    (void)pthread_detach(worker.thread);
-    worker.live = false;
-    return UdevStartResult::START_TIMEOUT;
+    MPI_LogAs(func, MPI_LOG_ERROR, "create %s success but wait run timeout.\n", name);
+    return UDEV_RET_FAIL;
 }
 
 bool UDEV_StopWorker(UdevWorker &worker, bool waitStop)

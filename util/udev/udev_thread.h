@@ -1,11 +1,20 @@
-// What the three worker threads share: run states, the creator's and
-// destroyer's 100 ms x 300 wait, and cancellation confined to the points
-// where a thread blocks.
+// What the three worker threads share: the stop flag, the clock, run
+// states, the creator's and destroyer's 100 ms x 300 wait, and cancellation
+// confined to the points where a thread blocks.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include <pthread.h>
+
+// The single stop signal of the main loop and every worker thread. Any
+// thread may set it; it is never cleared while the process runs.
+void UDEV_SetStop();
+bool UDEV_IsStop();
+
+// The `time` clock in seconds (the retry wait of the event pipeline).
+int64_t UDEV_GetTime();
 
 constexpr int UDEV_THREAD_INIT = 0;
 constexpr int UDEV_THREAD_START = 1;
@@ -31,13 +40,12 @@ struct UdevWorker {
     bool live = false;  // a thread we still have to cancel and detach
 };
 
-enum class UdevStartResult { STARTED, CREATE_FAILED, START_TIMEOUT };
-
-// Creates the thread and waits until it runs (or has already ended: its
-// end has set the stop flag, which brings the daemon down anyway). A thread
-// that does not start in time is cancelled and detached. On CREATE_FAILED,
-// *err holds pthread_create's error. The caller logs its own message.
-UdevStartResult UDEV_StartWorker(UdevWorker &worker, void *(*run)(void *), int *err);
+// Creates the thread on `run` (with `arg`) and waits until it runs, or has
+// already ended: its end has set the stop flag, which brings the daemon
+// down anyway. A thread that does not start in time is cancelled and
+// detached. Failures are logged in the name of the creator `func` for the
+// thread called `name`. UDEV_RET_OK once it runs, else UDEV_RET_FAIL.
+int UDEV_CreateWorker(UdevWorker &worker, void *(*run)(void *), void *arg, const char *name, const char *func);
 
 // Cancels a live worker, then (waitStop) waits for its UDEV_THREAD_STOP,
 // cancelling once more when the wait times out, and detaches it: workers are

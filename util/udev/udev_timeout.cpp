@@ -1,7 +1,9 @@
 // Transport time-outs written after the driver accepted a SCSI disk. The
-// values belong to the time-out settings module; the devices are looked up
-// in the protocol layer's context and owned by a plan for one write. The
-// plan only reads, so the administrator's tool shows it with the same code.
+// values belong to the time-out settings module. The devices are looked up
+// in the protocol layer's libudev context, which lives here, its only user:
+// made before the worker threads start and dropped after they stop, so it
+// needs no lock. Each device is owned by a plan for one write. The plan only
+// reads, so the administrator's tool shows it with the same code.
 #include "udev_timeout.h"
 
 #include <cstring>
@@ -12,7 +14,6 @@
 #include "raii.h"
 #include "securec.h"
 #include "udev_event.h"
-#include "udev_protocol.h"
 #include "udev_qmlinux.h"
 #include "util_ret.h"
 
@@ -20,18 +21,34 @@ namespace {
 
 constexpr size_t TIMEOUT_ATTR_COPY_LEN = 32;
 
-UdevDevicePtr UDEV_LookupDevice(const char *subsystem, const char *sysname)
+UdevPtr g_protocolUdev;
+
+// The daemon's entry point that plans and writes each kind of object: a
+// plan's records carry its name, whoever makes the plan.
+const char *WriterName(UdevTimeoutKind kind)
 {
-    struct udev *udev = UDEV_ProtocolUdev();
-    if (udev == nullptr) {
+    switch (kind) {
+        case UdevTimeoutKind::FC_RPORT:
+            return "UDEV_SetFcRportTimeOut";
+        case UdevTimeoutKind::ISCSI_SESSION:
+            return "UDEV_SetIscsiSessionTimeOut";
+        case UdevTimeoutKind::SCSI_DEVICE:
+            break;
+    }
+    return "UDEV_SetScsiDeviceTimeOut";
+}
+
+UdevDevicePtr LookupDevice(const char *subsystem, const char *sysname)
+{
+    if (!g_protocolUdev) {
         return nullptr;
     }
-    return UdevDevicePtr(udev_device_new_from_subsystem_sysname(udev, subsystem, sysname));
+    return UdevDevicePtr(udev_device_new_from_subsystem_sysname(g_protocolUdev.get(), subsystem, sysname));
 }
 
 // False when the setting cannot be read: the attribute is then left alone
 // without a word, as the settings module has already spoken.
-bool UDEV_PlanAttr(UdevTimeoutTarget *target, const char *settingName, const char *attrName)
+bool PlanAttr(UdevTimeoutTarget *target, const char *settingName, const char *attrName)
 {
     UdevTimeoutAttr *attr = &target->attrs[target->attrCount];
     attr->name = attrName;
@@ -44,11 +61,86 @@ bool UDEV_PlanAttr(UdevTimeoutTarget *target, const char *settingName, const cha
     return true;
 }
 
+// Each planner returns false when there is nothing to write on its object
+// (the name cannot be formed, the object is not found: logged).
+bool PlanFcRport(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::FC_RPORT;
+    const char *func = WriterName(target->kind);
+    if (sprintf_s(target->name, sizeof(target->name), "rport-%d:%d-%d", eventNode->host, eventNode->channel,
+                  eventNode->transportId) == -1) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = LookupDevice("fc_remote_ports", target->name);
+    if (!target->device) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "device{%s} port{%s} get udev device fail.\n", eventNode->devNum,
+                  target->name);
+        return false;
+    }
+    if (PlanAttr(target, "dev_loss_tmo", "dev_loss_tmo")) {
+        (void)PlanAttr(target, "fast_io_fail_tmo", "fast_io_fail_tmo");
+    }
+    return true;
+}
+
+bool PlanIscsiSession(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::ISCSI_SESSION;
+    const char *func = WriterName(target->kind);
+    if (sprintf_s(target->name, sizeof(target->name), "session%d", eventNode->transportId) == -1) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = LookupDevice("iscsi_session", target->name);
+    if (!target->device) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "dev{%s} get session{%s} udev device fail.\n", eventNode->devNum,
+                  target->name);
+        return false;
+    }
+    (void)PlanAttr(target, "recovery_tmo", "recovery_tmo");
+    return true;
+}
+
+// The transport's object: an FC remote port or an iSCSI session, or none.
+bool PlanHba(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    if (eventNode->transportType == UDEV_TRANSPORT_FCP) {
+        return PlanFcRport(eventNode, target);
+    }
+    if (eventNode->transportType == UDEV_TRANSPORT_ISCSI) {
+        return PlanIscsiSession(eventNode, target);
+    }
+    return false;
+}
+
+bool PlanScsiDevice(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+{
+    *target = UdevTimeoutTarget{};
+    target->kind = UdevTimeoutKind::SCSI_DEVICE;
+    const char *func = WriterName(target->kind);
+    if (sprintf_s(target->name, sizeof(target->name), "%d:%d:%d:%d", eventNode->host, eventNode->channel,
+                  eventNode->target, eventNode->lun) == -1) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+        return false;
+    }
+    target->device = LookupDevice("scsi", target->name);
+    if (!target->device) {
+        MPI_LogAs(func, MPI_LOG_ERROR, "device{%s,%s} get udev device fail.\n", eventNode->devNum, target->name);
+        return false;
+    }
+    (void)PlanAttr(target, "scsi_timeout", "timeout");
+    return true;
+}
+
 // Writes the plan of one object in order and stops at the first attribute
 // that does not end up holding its value: the fast-fail time of an FC port
 // is only meaningful below an established loss time.
-void UDEV_WriteTimeOut(const UdevEventNode *eventNode, const UdevTimeoutTarget &target)
+void WriteTimeOut(const UdevEventNode *eventNode, const UdevTimeoutTarget &target)
 {
+    const char *func = WriterName(target.kind);
     for (uint32_t i = 0; i < target.attrCount; i++) {
         const UdevTimeoutAttr &attr = target.attrs[i];
         if (UDEV_SetUdevDeviceAttrVal(target.device.get(), attr.name, attr.value) == UDEV_RET_OK) {
@@ -56,13 +148,15 @@ void UDEV_WriteTimeOut(const UdevEventNode *eventNode, const UdevTimeoutTarget &
         }
         switch (target.kind) {
             case UdevTimeoutKind::FC_RPORT:  // one text for both of the port's attributes
-                MPI_Log(MPI_LOG_ERROR, "device{%s} set rport{%s} dev_loss_tmo fail.\n", eventNode->devNum, target.name);
+                MPI_LogAs(func, MPI_LOG_ERROR, "device{%s} set rport{%s} dev_loss_tmo fail.\n", eventNode->devNum,
+                          target.name);
                 break;
             case UdevTimeoutKind::ISCSI_SESSION:
-                MPI_Log(MPI_LOG_ERROR, "dev{%s} set session{%s} recovery_tmo fail.\n", eventNode->devNum, target.name);
+                MPI_LogAs(func, MPI_LOG_ERROR, "dev{%s} set session{%s} recovery_tmo fail.\n", eventNode->devNum,
+                          target.name);
                 break;
             case UdevTimeoutKind::SCSI_DEVICE:
-                MPI_Log(MPI_LOG_ERROR, "device{%s,%s} set timeout fail.\n", eventNode->devNum, target.name);
+                MPI_LogAs(func, MPI_LOG_ERROR, "device{%s,%s} set timeout fail.\n", eventNode->devNum, target.name);
                 break;
         }
         return;
@@ -71,114 +165,65 @@ void UDEV_WriteTimeOut(const UdevEventNode *eventNode, const UdevTimeoutTarget &
 
 }  // namespace
 
-bool UDEV_PlanHbaTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+bool UDEV_ProtocolInitHandle()
 {
-    MPI_AssertNotNull(eventNode);
-    if (eventNode->transportType == UDEV_TRANSPORT_FCP) {
-        return UDEV_PlanFcRportTimeOut(eventNode, target);
-    }
-    if (eventNode->transportType == UDEV_TRANSPORT_ISCSI) {
-        return UDEV_PlanIscsiSessionTimeOut(eventNode, target);
-    }
-    return false;
-}
-
-bool UDEV_PlanFcRportTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
-{
-    *target = UdevTimeoutTarget{};
-    target->kind = UdevTimeoutKind::FC_RPORT;
-    if (sprintf_s(target->name, sizeof(target->name), "rport-%d:%d-%d", eventNode->host, eventNode->channel,
-                  eventNode->transportId) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
+    g_protocolUdev.reset(udev_new());
+    if (!g_protocolUdev) {
+        MPI_Log(MPI_LOG_ERROR, "%s.\n", "udev handle create new udev failed");
         return false;
-    }
-    target->device = UDEV_LookupDevice("fc_remote_ports", target->name);
-    if (!target->device) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s} port{%s} get udev device fail.\n", eventNode->devNum, target->name);
-        return false;
-    }
-    if (UDEV_PlanAttr(target, "dev_loss_tmo", "dev_loss_tmo")) {
-        (void)UDEV_PlanAttr(target, "fast_io_fail_tmo", "fast_io_fail_tmo");
     }
     return true;
 }
 
-bool UDEV_PlanIscsiSessionTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
+void UDEV_ProtocolReleaseHandle()
 {
-    *target = UdevTimeoutTarget{};
-    target->kind = UdevTimeoutKind::ISCSI_SESSION;
-    if (sprintf_s(target->name, sizeof(target->name), "session%d", eventNode->transportId) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
-        return false;
-    }
-    target->device = UDEV_LookupDevice("iscsi_session", target->name);
-    if (!target->device) {
-        MPI_Log(MPI_LOG_ERROR, "dev{%s} get session{%s} udev device fail.\n", eventNode->devNum, target->name);
-        return false;
-    }
-    (void)UDEV_PlanAttr(target, "recovery_tmo", "recovery_tmo");
-    return true;
-}
-
-bool UDEV_PlanScsiDeviceTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target)
-{
-    MPI_AssertNotNull(eventNode);
-    *target = UdevTimeoutTarget{};
-    target->kind = UdevTimeoutKind::SCSI_DEVICE;
-    if (sprintf_s(target->name, sizeof(target->name), "%d:%d:%d:%d", eventNode->host, eventNode->channel,
-                  eventNode->target, eventNode->lun) == -1) {
-        MPI_Log(MPI_LOG_ERROR, "sprintf_s device{%s} rport fail.\n", eventNode->devNum);
-        return false;
-    }
-    target->device = UDEV_LookupDevice("scsi", target->name);
-    if (!target->device) {
-        MPI_Log(MPI_LOG_ERROR, "device{%s,%s} get udev device fail.\n", eventNode->devNum, target->name);
-        return false;
-    }
-    (void)UDEV_PlanAttr(target, "scsi_timeout", "timeout");
-    return true;
+    g_protocolUdev.reset();
 }
 
 void UDEV_PlanScsiTimeOuts(const UdevEventNode *eventNode, UdevTimeoutPlan *plan)
 {
+    MPI_AssertNotNull(eventNode);
+    MPI_AssertNotNull(plan);
     plan->count = 0;
-    if (UDEV_PlanHbaTimeOut(eventNode, &plan->targets[plan->count])) {
+    if (PlanHba(eventNode, &plan->targets[plan->count])) {
         plan->count++;
     }
-    if (UDEV_PlanScsiDeviceTimeOut(eventNode, &plan->targets[plan->count])) {
+    if (PlanScsiDevice(eventNode, &plan->targets[plan->count])) {
         plan->count++;
     }
 }
 
 void UDEV_SetHbaTimeOut(UdevEventNode *eventNode)
 {
+    MPI_AssertNotNull(eventNode);
     UdevTimeoutTarget target;
-    if (UDEV_PlanHbaTimeOut(eventNode, &target)) {
-        UDEV_WriteTimeOut(eventNode, target);
+    if (PlanHba(eventNode, &target)) {
+        WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetFcRportTimeOut(UdevEventNode *eventNode)
 {
     UdevTimeoutTarget target;
-    if (UDEV_PlanFcRportTimeOut(eventNode, &target)) {
-        UDEV_WriteTimeOut(eventNode, target);
+    if (PlanFcRport(eventNode, &target)) {
+        WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetIscsiSessionTimeOut(UdevEventNode *eventNode)
 {
     UdevTimeoutTarget target;
-    if (UDEV_PlanIscsiSessionTimeOut(eventNode, &target)) {
-        UDEV_WriteTimeOut(eventNode, target);
+    if (PlanIscsiSession(eventNode, &target)) {
+        WriteTimeOut(eventNode, target);
     }
 }
 
 void UDEV_SetScsiDeviceTimeOut(UdevEventNode *eventNode)
 {
+    MPI_AssertNotNull(eventNode);
     UdevTimeoutTarget target;
-    if (UDEV_PlanScsiDeviceTimeOut(eventNode, &target)) {
-        UDEV_WriteTimeOut(eventNode, target);
+    if (PlanScsiDevice(eventNode, &target)) {
+        WriteTimeOut(eventNode, target);
     }
 }
 

@@ -1,4 +1,5 @@
-// Transport time-outs written to sysfs after the driver accepted a SCSI add.
+// Transport time-outs written to sysfs after the driver accepted a SCSI add,
+// and the protocol layer's libudev context they look devices up in.
 //
 // The work is split in two: a plan (which sysfs object, which attributes,
 // which configured values, and what they hold now), made by reading only,
@@ -46,12 +47,15 @@ struct UdevTimeoutPlan {
     uint32_t count = 0;
 };
 
-// Each planner returns false when there is nothing to write on that object
-// (the name cannot be formed, the object is not found: logged).
-bool UDEV_PlanHbaTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target);
-bool UDEV_PlanFcRportTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target);
-bool UDEV_PlanIscsiSessionTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target);
-bool UDEV_PlanScsiDeviceTimeOut(const UdevEventNode *eventNode, UdevTimeoutTarget *target);
+// The context lives from before the worker threads start to after they
+// stopped. Without it every plan fails its device lookup (and so every
+// time-out write).
+bool UDEV_ProtocolInitHandle();
+void UDEV_ProtocolReleaseHandle();
+
+// The plan of one accepted SCSI add, made by reading only. Its records
+// (an object that cannot be found, a name that cannot be formed) are those
+// of the daemon's writer below, under the same function names.
 void UDEV_PlanScsiTimeOuts(const UdevEventNode *eventNode, UdevTimeoutPlan *plan);
 
 void UDEV_SetHbaTimeOut(UdevEventNode *eventNode);

@@ -108,7 +108,4 @@ std::vector<std::string> SanitizerReports(const std::string &stderrText);
 using SanitizerReportHandler = void (*)(const std::string &program, const std::string &report);
 // Returns the handler it replaces.
 SanitizerReportHandler SetSanitizerReportHandler(SanitizerReportHandler handler);
-
-// The lab's ioctl probe, a stand-in client of the driver [QMLAB_PROBE].
-std::string IoctlProbePath();
 }  // namespace qmlab

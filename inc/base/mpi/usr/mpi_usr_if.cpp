@@ -1,5 +1,6 @@
-// The trace descriptor, the trace-file record writer, the assertion and the
-// platform's atomic counter.
+// The trace descriptor, both sinks of MPI_Log (the trace file and the
+// system log) with the syslog-mode flag that chooses between them, the
+// assertion and the platform's atomic counter.
 //
 // Every thread logs and none takes a lock: each record opens the file in
 // append mode, writes with one stream of its own, flushes and closes. The
@@ -14,14 +15,27 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
-#include "raii.h"
+#include <syslog.h>
+
 #include "securec.h"
 #include "util_ret.h"
 
 namespace {
 
 MPI_LogDesc g_logDesc;
+// Chosen once from the command line before any thread exists; read by every
+// record. A relaxed atomic so that concurrent readers are defined.
+std::atomic<int> g_syslogMode{0};
+
+constexpr size_t kSyslogTextLen = 1024;
+
+// Each record opens the trace file, writes, and closes it again.
+struct TraceFileClose {
+    void operator()(std::FILE *file) const noexcept { std::fclose(file); }
+};
+using TraceFilePtr = std::unique_ptr<std::FILE, TraceFileClose>;
 char g_filePath[MPI_PATH_LEN];  // MPI_GetFilePath's buffer: start-up only
 
 constexpr uint32_t kRecordKeyMagic = 0x5342;
@@ -132,7 +146,7 @@ void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *fo
         return;  // assertions and direct trace records go to the sink too
     }
     MPI_LogDesc *desc = MPI_GetLogDesc(MPI_MODULE_UDEV);
-    FilePtr file(std::fopen(desc->path, "a"));
+    TraceFilePtr file(std::fopen(desc->path, "a"));
     if (!file) {
         return;  // no trace file: the record is lost, the caller goes on
     }
@@ -160,6 +174,57 @@ void MPI_WriteTraceRecord(int level, const char *func, int line, const char *for
     va_end(argList);
 }
 
+void UDEV_VSyslog(const char *format, va_list argList)
+{
+    if (format == nullptr) {
+        return;
+    }
+    // A message of 1024 characters or more is replaced, not cut.
+    char text[kSyslogTextLen] = {};
+    int ret = vsnprintf_s(text, sizeof(text), sizeof(text), format, argList);
+    openlog("qmudev", LOG_PID | LOG_CONS, 0);
+    syslog(LOG_INFO, "%s", ret == -1 ? "vsnprintf failed." : text);
+    closelog();
+}
+
+void UDEV_Syslog(const char *format, ...)
+{
+    va_list argList;
+    va_start(argList, format);
+    UDEV_VSyslog(format, argList);
+    va_end(argList);
+}
+
+void MPI_LogWrite(int level, const char *func, int line, const char *format, ...)
+{
+    va_list argList;
+    va_start(argList, format);
+    // A sink takes every level, whatever the log mode.
+    bool sunk = MPI_VLogToSink(level, func, line, format, argList);
+    if (!sunk && UDEV_IsSyslogMode()) {
+        // In this mode every level goes out, without level, module or place.
+        UDEV_VSyslog(format, argList);
+    } else if (!sunk && level != MPI_LOG_DEBUG) {
+        MPI_VWriteTraceRecord(level, func, line, format, argList);
+    }
+    va_end(argList);
+}
+
+void UDEV_SetSyslogMode()
+{
+    g_syslogMode.store(1, std::memory_order_relaxed);
+}
+
+void UDEV_ClearSyslogMode()
+{
+    g_syslogMode.store(0, std::memory_order_relaxed);
+}
+
+bool UDEV_IsSyslogMode()
+{
+    return g_syslogMode.load(std::memory_order_relaxed) == 1;
+}
+
 void MPI_AssertFail(const char *func, int line, const char *condition)
 {
     // Assertions go to the trace file whatever the log mode. The file name is
@@ -167,9 +232,12 @@ void MPI_AssertFail(const char *func, int line, const char *condition)
     MPI_WriteTraceRecord(MPI_LOG_ERROR, func, line, "*** Assertion on file \"%s\" function \"%s\" line %d exception \"%s\"\n",
                          "(null)", func, line, condition);
     // The failed check holds this thread for good; the other threads run on.
-    std::atomic<int> spin{0};
+    // Each turn reads a volatile: a loop without such an access may be taken
+    // to end, and clang drops it (the thread would then run off the end of a
+    // function that never returns).
+    volatile int spin = 0;
     for (;;) {
-        spin.fetch_add(0, std::memory_order_relaxed);
+        (void)spin;
     }
 }
 

@@ -1,5 +1,7 @@
 // Platform interface: the logging and parameter-check macros, the trace
-// descriptor, and the few platform helpers that travel with them.
+// descriptor, the two sinks of a record (trace file, system log) and the
+// syslog-mode flag that chooses between them, and the few platform helpers
+// that travel with them.
 #pragma once
 
 #include <cstdarg>
@@ -50,6 +52,17 @@ void MPI_WriteTraceRecord(int level, const char *func, int line, const char *for
 void MPI_VWriteTraceRecord(int level, const char *func, int line, const char *format, va_list argList)
     __attribute__((format(printf, 4, 0)));
 
+// The system-log sink: one LOG_INFO record under the ident "qmudev",
+// whatever the level; a message of 1024 characters or more is replaced by
+// "vsnprintf failed.".
+void UDEV_Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void UDEV_VSyslog(const char *format, va_list argList) __attribute__((format(printf, 1, 0)));
+
+// Syslog mode: chosen once from the command line before any thread exists.
+void UDEV_SetSyslogMode();
+void UDEV_ClearSyslogMode();
+bool UDEV_IsSyslogMode();
+
 // A destination that takes every record in place of the trace file and the
 // system log: any level (DEBUG included), assertions included, with the
 // site's format already applied (`text` carries the site's own line end).
@@ -66,6 +79,10 @@ bool MPI_VLogToSink(int level, const char *func, int line, const char *format, v
     __attribute__((format(printf, 4, 0)));
 
 #define MPI_Log(level, format, ...) MPI_LogWrite((level), __func__, __LINE__, format, ##__VA_ARGS__)
+// MPI_Log on behalf of the entry point `func`: a helper that does the work
+// of several entry points (one with a fixed path, one given the path) puts
+// its caller's name in the record, as if the work were written there.
+#define MPI_LogAs(func, level, format, ...) MPI_LogWrite((level), (func), __LINE__, format, ##__VA_ARGS__)
 
 // A failed check holds the calling thread for good (no recovery: callers
 // never handle it). The condition's source text goes into the record.
