@@ -23,13 +23,13 @@ std::vector<std::string> DiskWrites(const Testbed &tb, const BlockDevice &disk)
     return out;
 }
 
-// The ERROR records, messages only.
-std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &records)
+// The ERROR records, messages only or each after its function's name.
+std::vector<std::string> TraceErrors(const std::vector<TraceRecord> &records, bool withFunction = false)
 {
     std::vector<std::string> out;
     for (const auto &r : records) {
         if (r.level == "ERROR") {
-            out.push_back(r.message);
+            out.push_back(withFunction ? r.function + ": " + r.message : r.message);
         }
     }
     return out;
@@ -83,7 +83,8 @@ TEST(TimeoutValues, EachTransportGetsItsSettingOrTheDefaultInItsOrderAfterTheAdd
 }
 
 // EROFS is 30. A failed dev_loss_tmo skips fast_io_fail_tmo; either way the
-// device's own time-out follows; every ADD counts as done.
+// device's own time-out follows; every ADD counts as done. Each failure is
+// recorded under the writer of its object.
 TEST(TimeoutFailures, FailedOrVanishedTargetsAreLoggedAndTheRestGoesOn)
 {
     struct Row {
@@ -91,21 +92,22 @@ TEST(TimeoutFailures, FailedOrVanishedTargetsAreLoggedAndTheRestGoesOn)
         char kind;            // 'f' FC, 'i' iSCSI, 'l' local
         const char *failing;  // the attribute whose writes fail
         std::vector<std::string> writes;
-        std::vector<std::string> errors;  // "{}" stands for the device number
+        std::vector<std::string> errors;  // "function: message"; "{}" stands for the device number
     };
     const Row rows[] = {
         {"dev_loss_tmo fails", 'f', "dev_loss_tmo", {"timeout=60"},
-         {"set udev device's attr{dev_loss_tmo} val{60 to 30} fail. error{30}\n",
-          "device{{}} set rport{rport-2:0-7} dev_loss_tmo fail.\n"}},
+         {"UDEV_SetUdevDeviceAttrVal: set udev device's attr{dev_loss_tmo} val{60 to 30} fail. error{30}\n",
+          "UDEV_SetFcRportTimeOut: device{{}} set rport{rport-2:0-7} dev_loss_tmo fail.\n"}},
         // The failure's second record carries the dev_loss_tmo text too.
         {"fast_io_fail_tmo fails", 'f', "fast_io_fail_tmo", {"dev_loss_tmo=30", "timeout=60"},
-         {"set udev device's attr{fast_io_fail_tmo} val{off to 5} fail. error{30}\n",
-          "device{{}} set rport{rport-2:0-8} dev_loss_tmo fail.\n"}},
+         {"UDEV_SetUdevDeviceAttrVal: set udev device's attr{fast_io_fail_tmo} val{off to 5} fail. error{30}\n",
+          "UDEV_SetFcRportTimeOut: device{{}} set rport{rport-2:0-8} dev_loss_tmo fail.\n"}},
         {"recovery_tmo fails", 'i', "recovery_tmo", {"timeout=60"},
-         {"set udev device's attr{recovery_tmo} val{120 to 20} fail. error{30}\n",
-          "dev{{}} set session{session5} recovery_tmo fail.\n"}},
+         {"UDEV_SetUdevDeviceAttrVal: set udev device's attr{recovery_tmo} val{120 to 20} fail. error{30}\n",
+          "UDEV_SetIscsiSessionTimeOut: dev{{}} set session{session5} recovery_tmo fail.\n"}},
         {"timeout fails", 'l', "timeout", {},
-         {"set udev device's attr{timeout} val{30 to 60} fail. error{30}\n", "device{{},0:0:2:0} set timeout fail.\n"}},
+         {"UDEV_SetUdevDeviceAttrVal: set udev device's attr{timeout} val{30 to 60} fail. error{30}\n",
+          "UDEV_SetScsiDeviceTimeOut: device{{},0:0:2:0} set timeout fail.\n"}},
     };
     Lab lab({.sandbox = {.timeoutConfig = "dev_loss_tmo = 30\nfast_io_fail_tmo = 5\nrecovery_tmo = 20\n"
                                           "scsi_timeout = 60\n"}});
@@ -134,7 +136,7 @@ TEST(TimeoutFailures, FailedOrVanishedTargetsAreLoggedAndTheRestGoesOn)
         EXPECT_EQ(RequestsFor(lab.driver(), DriverOp::Add, disks[i].DevNum()).size(), 1u) << "done, not retried";
     }
     // The disks come in the scan's order, whichever it is.
-    auto logged = TraceErrors(lab.TraceLog());
+    auto logged = TraceErrors(lab.TraceLog(), true);
     std::sort(logged.begin(), logged.end());
     std::sort(errors.begin(), errors.end());
     EXPECT_EQ(logged, errors);
@@ -150,7 +152,10 @@ TEST(TimeoutFailures, FailedOrVanishedTargetsAreLoggedAndTheRestGoesOn)
     lab.driver().Release();
     ASSERT_TRUE(tb.WaitAttributeWrites(writes + 1, 30s)) << d.Stderr();
     ASSERT_TRUE(tb.SyncAttributeWrites());
-    EXPECT_GE(IndexOf(lab.TraceLog(), "device{" + vanished.DevNum() + "} port{rport-2:0-11} get udev device fail."), 0);
+    auto lookup =
+        RecordsWith(lab.TraceLog(), "device{" + vanished.DevNum() + "} port{rport-2:0-11} get udev device fail.");
+    ASSERT_EQ(lookup.size(), 1u);
+    EXPECT_EQ(lookup[0].function, "UDEV_SetFcRportTimeOut");
     EXPECT_EQ(DiskWrites(tb, vanished), std::vector<std::string>{"timeout=60"});
     EXPECT_EQ(IndexOf(lab.TraceLog(), "add retry udev event"), -1);
     EXPECT_TRUE(d.Running());
