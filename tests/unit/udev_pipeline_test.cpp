@@ -255,6 +255,7 @@ TEST(StartupScan, BatchOfUdevsDisksThenWhatOnlyTheDriverHolds)
     EXPECT_EQ(Nodes(&taken), "add " + disk + "/" + disk + " scsi QMESH VDISK 0:0:0:0, remove " + other +
                                                 ", remove " + other + "0, remove " + part + ", remove 0" + disk + ", ");
     EXPECT_TRUE(trace.Has("get node failed for remove " + std::string(32, '7') + ".\n"));
+    UDEV_DeleteEventList(&taken);
 }
 
 }  // namespace
