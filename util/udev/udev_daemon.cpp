@@ -124,6 +124,19 @@ void ReleaseFrom(InitStage reached)
     INTF_UTIL_MiscIoctlClose();
 }
 
+// A worker whose stop wait timed out (a failed start-up's undo or the
+// shutdown) may come back to anything released here: then nothing is, and
+// the process ends with everything in place (UDEV_EndProcess).
+void ReleaseUnlessAdrift(InitStage reached)
+{
+    if (UDEV_WorkerMayStillRun()) {
+        MPI_Log(MPI_LOG_ERROR, "%s\n",
+                "worker thread still running, configuration, event list and misc device left to the end of the process.");
+        return;
+    }
+    ReleaseFrom(reached);
+}
+
 // The protocol layer's context first: without it the lists are not set up.
 bool InitEvents()
 {
@@ -165,7 +178,7 @@ int UDEV_Main(int argc, char *argv[])
     }
     if (!UDEV_Init()) {
         NotifyShutdown();
-        return UDEV_EXIT_FAIL;
+        return UDEV_EndProcess(UDEV_EXIT_FAIL);
     }
     if (!UDEV_Scan()) {
         MPI_Log(MPI_LOG_ERROR, "%s\n", "synchronization physical device failed.");
@@ -202,7 +215,7 @@ bool UDEV_Init()
         }
     }
     if (!made) {
-        ReleaseFrom(reached);
+        ReleaseUnlessAdrift(reached);
     }
     return made;
 }
@@ -275,17 +288,11 @@ void UDEV_DestroyThreads()
 // The LVM thread is never waited for and needs nothing of what is released.
 // If the wait for the handle or the monitor thread timed out, that thread
 // may still be inside a call (an ioctl the driver never answers) and come
-// back to any of its objects: then nothing is released, the process ends
-// with everything in place (UDEV_EndProcess).
+// back to any of its objects: then nothing is released (ReleaseUnlessAdrift).
 void UDEV_Shutdown()
 {
     UDEV_DestroyThreads();
-    if (UDEV_WorkerMayStillRun()) {
-        MPI_Log(MPI_LOG_ERROR, "%s\n",
-                "worker thread still running, configuration, event list and misc device left to the end of the process.");
-    } else {
-        ReleaseFrom(InitStage::EVENTS_READY);
-    }
+    ReleaseUnlessAdrift(InitStage::EVENTS_READY);
     NotifyShutdown();
 }
 
