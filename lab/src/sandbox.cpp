@@ -48,6 +48,9 @@ std::string ProcDevicesText(std::optional<int> driverMajor)
     out << "Character devices:\n"
            "  1 mem\n  4 /dev/vc/0\n  4 tty\n  5 /dev/tty\n  5 /dev/console\n  5 /dev/ptmx\n"
            " 10 misc\n 13 input\n 21 sg\n128 ptm\n136 pts\n226 drm\n"
+           // Near misses ahead of the driver's line: a name that ends in
+           // "quillmesh" and one that begins with it.
+           "240 oldquillmesh\n241 quillmesh_ctl\n"
            "\nBlock devices:\n"
            "  7 loop\n  8 sd\n  9 md\n 11 sr\n 65 sd\n 66 sd\n 67 sd\n 68 sd\n 69 sd\n 70 sd\n 71 sd\n"
            "128 sd\n129 sd\n130 sd\n131 sd\n132 sd\n133 sd\n134 sd\n135 sd\n";

@@ -130,18 +130,21 @@ bool WaitDaemonTime(Lab &lab, Live &live, long t)
 // for, and under a sanitizer that moment, sped up, eats the debounce margin. Four adds two seconds apart, then the plan's runs. Each run comes
 // five main-loop turns after the latest request (an add, or a failed run
 // before it): at least 3 s in whole-second stamps of records made a moment
-// after the request. After the last run, ten more seconds bring no other.
+// after the request. A change and a remove of the driver's disk ask for
+// nothing; a success does not reset the failure count, so a later request
+// gives up at its fourth failure. After the last run, ten more seconds bring
+// no other.
 TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNothing)
 {
     struct Row {
         const char *name;
         std::vector<LvmStep> plan;
-        size_t runs, failures;
+        size_t runs, later, failures;  // runs of the first request and of a later one; failed runs
     };
     const Row rows[] = {
-        {"always fails", {{0, 1}}, 6, 6},
-        {"fails twice, then works", {{0, 1}, {0, 1}, {0, 0}}, 3, 2},
-        {"hangs", {{3600, 0}}, 1, 0},
+        {"always fails", {{0, 1}}, 6, 0, 6},
+        {"fails twice, works, then fails", {{0, 1}, {0, 1}, {0, 0}, {0, 1}}, 3, 4, 6},
+        {"hangs", {{3600, 0}}, 1, 0, 0},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -150,19 +153,28 @@ TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNo
         Daemon &d = live.Start({.timeSpeed = 5});
         ASSERT_TRUE(lab.WaitNotify("READY=1", 60s)) << d.Stderr();
         std::vector<size_t> runsBefore;  // lvm runs begun before each add was sent
+        std::vector<BlockDevice> virtualDisks;
         for (unsigned i = 0; i < 4; ++i) {
             runsBefore.push_back(lab.sandbox().LvmRuns().size());
-            ASSERT_TRUE(live.Send(AddVirtualDisk(lab.testbed(), i), "add"));
+            virtualDisks.push_back(AddVirtualDisk(lab.testbed(), i));
+            ASSERT_TRUE(live.Send(virtualDisks.back(), "add"));
             std::string record = kVirtualDiskRecord + std::to_string(i) + "}";
             ASSERT_TRUE(lab.WaitTrace(record, 30s)) << d.Stderr();
             ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(RecordsWith(lab.TraceLog(), record).at(0)) + 2));
         }
         ASSERT_TRUE(lab.sandbox().WaitLvmRuns(row.runs, 60s)) << d.Stderr();
+        ASSERT_TRUE(live.Send(virtualDisks[0], "change"));
+        ASSERT_TRUE(live.SendRemove(virtualDisks[0]));
+        if (row.later > 0) {
+            runsBefore.push_back(0);  // the first request's runs are over
+            ASSERT_TRUE(live.Send(AddVirtualDisk(lab.testbed(), 4), "add"));
+            ASSERT_TRUE(lab.sandbox().WaitLvmRuns(row.runs + row.later, 60s)) << d.Stderr();
+        }
         BlockDevice disk = lab.testbed().AddFcDisk();
         ASSERT_TRUE(live.Send(disk, "add"));
         EXPECT_TRUE(live.WaitAnswered(DriverOp::Add, disk.DevNum())) << "the handle thread is blocked";
         ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(lab.TraceLog().back()) + 10));
-        EXPECT_EQ(lab.sandbox().LvmRuns().size(), row.runs);
+        EXPECT_EQ(lab.sandbox().LvmRuns().size(), row.runs + row.later);
 
         auto trace = lab.TraceLog();
         long requested = 0;

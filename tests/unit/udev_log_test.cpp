@@ -1,9 +1,11 @@
 // The trace record, character by character:
 // [sequence][time][key][level][module][function: line]message
-// with the clock fixed, and how the sequence runs.
+// with the clock fixed, and how the sequence runs; the system log's bound.
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -54,6 +56,18 @@ TEST(TraceRecord, FieldsAndSequence)
     qmtest::TraceCapture again;
     MPI_Log(MPI_LOG_INFO, "%s\n", "one");
     EXPECT_EQ(again.Text(), Record(1, "INFO", __LINE__ - 1, "one\n"));
+}
+
+// In syslog mode a message is formatted into 1024 bytes: 1023 characters
+// go whole, a longer message is replaced, never cut.
+TEST(SystemLog, MessageOfTheBufferSizeOrMoreIsReplaced)
+{
+    UDEV_SetSyslogMode();
+    for (const auto &[length, whole] : {std::pair{1023u, true}, {1024u, false}, {5000u, false}}) {
+        const std::string text(length, 'x');
+        MPI_Log(MPI_LOG_ERROR, "%s", text.c_str());
+        EXPECT_EQ(qmtest::TakeSyslog(), std::vector<std::string>{whole ? text : "vsnprintf failed."}) << length;
+    }
 }
 
 }  // namespace

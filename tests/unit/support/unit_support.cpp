@@ -5,6 +5,9 @@
 #include <cstdarg>
 #include <fstream>
 #include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <ftw.h>
 #include <signal.h>
@@ -18,6 +21,7 @@ namespace {
 
 qmtest::FakeDriver::Handler g_driver;
 std::atomic<time_t> g_clock{-1};  // -1: the real clock
+std::vector<std::string> g_syslog;  // read and written by the test's own thread
 
 int RemoveEntry(const char *path, const struct stat *, int, struct FTW *)
 {
@@ -30,6 +34,19 @@ int RemoveEntry(const char *path, const struct stat *, int, struct FTW *)
 extern "C" {
 int __real_ioctl(int fd, unsigned long request, ...);
 time_t __real_time(time_t *out);
+
+// No unit test reaches the host's system log.
+void __wrap_syslog(int, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    char *text = nullptr;
+    if (::vasprintf(&text, format, args) >= 0) {
+        g_syslog.emplace_back(text);
+        std::free(text);
+    }
+    va_end(args);
+}
 
 int __wrap_ioctl(int fd, unsigned long request, ...)
 {
@@ -57,6 +74,11 @@ time_t __wrap_time(time_t *out)
 }
 
 namespace qmtest {
+
+std::vector<std::string> TakeSyslog()
+{
+    return std::exchange(g_syslog, {});
+}
 
 TempDir::TempDir()
 {

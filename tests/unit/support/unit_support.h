@@ -1,6 +1,6 @@
 // Shared by the unit tests: a private directory, the trace file pointed into
 // it, code that must never return run in a child process, and stand-ins for
-// the driver and the clock. ioctl and time are wrapped at link time in the
+// the driver, the clock and the system log. ioctl, time and syslog are wrapped at link time in the
 // test binary only (tests/CMakeLists.txt); unset, the wrappers pass every
 // call through.
 #pragma once
@@ -8,6 +8,7 @@
 #include <ctime>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "misc_ioctl.h"
 #include "raii.h"
@@ -75,6 +76,9 @@ inline char *DataOf(MiscCtrlParam *param)
 // time(2) as the daemon sees it (its retry clock and the trace records'
 // time): `now` from the first call on.
 void SetClock(time_t now);
+
+// The system log's messages since the last call.
+std::vector<std::string> TakeSyslog();
 
 // libudev's record of a testbed device.
 UdevDevicePtr Device(const std::string &syspath);
