@@ -65,6 +65,8 @@ TEST(AdmVerify, EachLineTheReadersDropChangeOrHangOnIsNamedWithTheDaemonsOutcome
         {"value of 64 characters", kRules + longValue, kSettings, false, 3, "a value of 64 characters or more", 1},
         {"unknown key", kRules + "ruler_name=c,vendor_id=V,product_id=Q,colour=red\n", kSettings, false, 3,
          "unknown key \"colour\": the daemon ignores it", 1},
+        {"key without a value", kRules + "ruler_name=f,vendor_id=V,product_id=\n", kSettings, false, 3,
+         "product_id without a value: the daemon gives it the value before it, \"V\"", 1},
         {"five pairs", kRules + "ruler_name=d,vendor_id=V,product_id=R,driver=x,driver=y\n", kSettings, false, 3,
          "more than four key = value pairs: the daemon drops this rule", 1},
         {"last line without newline", kRules + "ruler_name=e,vendor_id=V,product_id=S", kSettings, false, 3,

@@ -94,19 +94,26 @@ bool IsKnownKey(const char *key)
            scratch.driver[0] != '\0';
 }
 
-std::vector<std::string> UnknownKeys(std::string_view raw)
+struct RulePair {
+    std::string key;
+    std::string value;  // empty: the piece is a key alone
+};
+
+// The pieces of a rule line as the daemon splits them.
+std::vector<RulePair> PairsOf(std::string_view raw)
 {
     std::string cleaned = CleanedLine(raw);
-    std::vector<std::string> unknown;
+    std::vector<RulePair> pairs;
     char *context = nullptr;
     for (char *piece = strtok_s(cleaned.data(), ",", &context); piece != nullptr;
          piece = strtok_s(nullptr, ",", &context)) {
         char key[UDEV_CFG_LINE_LEN] = {0};
-        if (sscanf_s(piece, "%s", key, sizeof(key)) == 1 && !IsKnownKey(key)) {
-            unknown.emplace_back(key);
+        char value[UDEV_CFG_LINE_LEN] = {0};
+        if (sscanf_s(piece, "%s %s", key, sizeof(key), value, sizeof(value)) >= 1) {
+            pairs.push_back({key, value});
         }
     }
-    return unknown;
+    return pairs;
 }
 
 std::string VendorRecordMessage(const std::string &text)
@@ -195,9 +202,20 @@ private:
                         "after [vendors] is a rule (notes go above it)");
             return;
         }
-        for (const std::string &key : UnknownKeys(raw)) {
-            Add(start_, "unknown key \"" + key + "\": the daemon ignores it (keys: ruler_name, vendor_id, "
-                        "product_id, driver)");
+        // The daemon reads a line's pairs into one key and one value buffer:
+        // a key alone keeps the value of the piece before it.
+        std::string carried;
+        for (const RulePair &pair : PairsOf(raw)) {
+            if (!IsKnownKey(pair.key.c_str())) {
+                Add(start_, "unknown key \"" + pair.key + "\": the daemon ignores it (keys: ruler_name, vendor_id, "
+                            "product_id, driver)");
+            } else if (pair.value.empty()) {
+                Add(start_, pair.key + " without a value: the daemon gives it " +
+                                (carried.empty() ? "an empty value" : "the value before it, \"" + carried + "\""));
+            }
+            if (!pair.value.empty()) {
+                carried = pair.value;
+            }
         }
     }
 
