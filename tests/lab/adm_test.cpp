@@ -3,7 +3,7 @@
 // driver text are those of the ADD the emulated driver receives (or of its
 // absence), the time-out writes it plans are the ones the daemon makes, and
 // the tool itself writes nothing: no sysfs attribute, no trace or system-log
-// record, no pid file, no request to the driver.
+// record, no pid file, no request to the driver. And qmudevadm status.
 #include <map>
 #include <regex>
 #include <set>
@@ -101,6 +101,47 @@ TEST(AdmTest, DryRunGivesTheDaemonsVerdictsTextsAndWritesAndTouchesNothing)
     }
     EXPECT_EQ(planned, written);
     EXPECT_EQ(planned.size(), 6u) << "FC loss and fast-fail, iSCSI recovery, three SCSI device time-outs";
+}
+
+// qmudevadm status before, while and after a daemon runs: who holds the pid
+// file, and the last ERROR and WARN records of the trace file, as they
+// stand there, in order.
+TEST(AdmStatus, NamesTheDaemonHoldingThePidFileAndItsLastProblems)
+{
+    Lab lab({.sandbox = {.timeoutConfig = "scsi_timeout = 0\nspeed = 1\n"}});
+    for (int target : {1, 2, 3}) {
+        lab.testbed().AddLocalDisk({.target = target, .id = {.vendor = "OTHER"}});
+    }
+    lab.driver().SetDeviceList({kEndOfScan});
+    auto status = [&lab](std::vector<std::string> args) {
+        args.insert(args.begin(), "status");
+        Daemon &tool = lab.Start({.args = args, .binary = QMUDEVADM_PATH});
+        std::optional<ExitStatus> end = tool.WaitExit(30s);
+        return std::pair{end && end->exited ? end->code : -1, tool.Stdout()};
+    };
+    const std::string header = std::string(kTraceLogPath) + ": ";
+    EXPECT_EQ(status({}), std::pair(3, "qmudev: not running (no /run/qmudev.pid)\n" + header + "no trace file\n"));
+
+    Daemon &d = lab.Start({});
+    ASSERT_TRUE(WaitAnswered(lab.driver(), DriverOp::Remove, kEndOfScan, 1, 60s)) << d.Stderr();
+    std::vector<std::string> problems;
+    for (const TraceRecord &r : lab.TraceLog()) {
+        if (r.level == "ERROR" || r.level == "WARN") {
+            problems.push_back(r.raw);
+        }
+    }
+    ASSERT_GE(problems.size(), 3u) << "the scenario needs more ERROR and WARN records";
+    std::string lastTwo = problems[problems.size() - 2] + problems.back();
+    EXPECT_EQ(status({"--lines", "2"}), std::pair(0, "qmudev: running (pid " + std::to_string(d.Pid()) +
+                                                         " holds /run/qmudev.pid)\n" + header +
+                                                         "last ERROR and WARN records:\n" + lastTwo));
+
+    d.Stop();
+    auto [code, out] = status({"--lines", "0"});
+    EXPECT_EQ(code, 3);
+    EXPECT_EQ(out, "qmudev: not running (no process holds /run/qmudev.pid; pid " + std::to_string(d.Pid()) +
+                       " was the last)\n" + header + "no ERROR or WARN record\n");
+    EXPECT_EQ(status({"--lines", "x"}).first, 64);
 }
 
 }  // namespace
