@@ -1,8 +1,9 @@
 // Shared by the unit tests: a private directory, the trace file pointed into
 // it, code that must never return run in a child process, and stand-ins for
-// the driver, the clock and the system log. ioctl, time and syslog are wrapped at link time in the
-// test binary only (tests/CMakeLists.txt); unset, the wrappers pass every
-// call through.
+// the driver, the clock and the system log. ioctl, time and syslog are
+// wrapped at link time in the test binary only (tests/CMakeLists.txt).
+// Unset, the ioctl and time wrappers pass every call through; syslog
+// messages are always kept here, never sent.
 #pragma once
 
 #include <ctime>
