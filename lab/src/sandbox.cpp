@@ -294,7 +294,10 @@ void Sandbox::WriteLvmStub()
         "# lab stand-in for lvm: logs each run, then follows the scenario's plan\n"
         "log='" + Path("lvm/runs.log") + "'\n"
         "plan='" + Path("lvm/plan") + "'\n"
-        "echo \"$*\" >> \"$log\"\n"
+        // The trace's last record when the run begins tells which of the
+        // daemon's requests came before it.
+        "seq=$(sed -n 's/^\\[\\([0-9]*\\)\\].*/\\1/p' '" + std::string(kTraceLogPath) + "' 2>/dev/null | tail -n 1)\n"
+        "echo \"${seq:-0} $*\" >> \"$log\"\n"
         "n=$(wc -l < \"$log\")\n"
         "step=$(sed -n \"${n}p\" \"$plan\")\n"
         "[ -n \"$step\" ] || step=$(tail -n 1 \"$plan\")\n"
@@ -362,7 +365,10 @@ std::vector<LvmRun> Sandbox::LvmRuns() const
     std::istringstream in(ReadFile(Path("lvm/runs.log")).value_or(""));
     std::string line;
     while (std::getline(in, line)) {
-        runs.push_back(LvmRun{static_cast<int>(runs.size()) + 1, line});
+        size_t blank = line.find(' ');
+        long sequence = std::strtol(line.c_str(), nullptr, 10);
+        runs.push_back(LvmRun{static_cast<int>(runs.size()) + 1, blank == std::string::npos ? "" : line.substr(blank + 1),
+                              sequence});
     }
     return runs;
 }

@@ -45,6 +45,7 @@ struct LvmStep {
 struct LvmRun {
     int index = 0;         // 1 for the first run
     std::string args;      // its command-line arguments
+    long traceSequence = 0;  // the trace's last record as the run began (0: none)
 };
 
 struct SandboxOptions {
