@@ -7,9 +7,10 @@
 // burst of new disks leads to one activation five seconds after the last.
 //
 // Three threads touch the request without a lock (handle arms, main
-// ticks, LVM tests, clears and re-arms). The fields are atomics with
-// relaxed, separate loads and stores: a lost update only shifts the run by
-// a tick, which the design accepts, and the sanitizers see no race.
+// ticks, LVM tests, clears and re-arms). The fields are relaxed atomics and
+// the tick is one atomic increment: a tick read before an add's restart can
+// never be stored after it (which would make the run come at once instead of
+// five seconds after the add), so a race shifts the run by a tick at most.
 //
 // A failed run re-arms the request; the retry counter belongs to the
 // thread and is not reset by a success, so failures add up across requests
@@ -103,7 +104,7 @@ bool UDEV_ActivateLvmDue()
 void UDEV_ActivateLvmTick()
 {
     if (g_lvmRequest.load(std::memory_order_relaxed) == 1) {
-        g_lvmTicks.store(g_lvmTicks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        g_lvmTicks.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
