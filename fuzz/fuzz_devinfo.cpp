@@ -101,8 +101,15 @@ std::string Build(const Input &in)
         parent = Add(transport == "fc" ? "fc_remote_ports" : "iscsi_session",
                      Name(in, "port", transport == "fc" ? "rport-2:0-7" : "session5"), parent);
     }
-    parent = Add("scsi", Name(in, "target", "target2:0:1"), parent, {nullptr}, Pairs(in, {"DEVTYPE", "scsi_target"}));
-    parent = Add("scsi", Name(in, "scsi", "2:0:1:3"), parent, Pairs(in, {}, {{"vendor", "vendor"}, {"model", "model"}}),
+    // Target and device share the scsi bus, whose directory umockdev links
+    // each by name: the same name twice is not a testbed it can build.
+    std::string target = Name(in, "target", "target2:0:1");
+    std::string scsi = Name(in, "scsi", "2:0:1:3");
+    if (scsi == target) {
+        scsi += "_";
+    }
+    parent = Add("scsi", target, parent, {nullptr}, Pairs(in, {"DEVTYPE", "scsi_target"}));
+    parent = Add("scsi", scsi, parent, Pairs(in, {}, {{"vendor", "vendor"}, {"model", "model"}}),
                  Pairs(in, {"DEVTYPE", "scsi_device"}));
     return Add("block", "block/" + block, parent, {nullptr},
                Pairs(in, {"DEVTYPE", "disk"}, {{"major", "MAJOR"}, {"minor", "MINOR"}, {"wwn", "ID_WWN_WITH_EXTENSION"}}));
