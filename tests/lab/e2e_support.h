@@ -217,9 +217,23 @@ public:
     // answered, nudging the handle thread every 200 ms meanwhile.
     bool WaitAnswered(DriverOp op, const std::string &devNum, size_t n = 1, Clock::duration timeout = 30s)
     {
+        return Nudging(timeout, [&](Clock::duration slice) {
+            return qmlab::test::WaitAnswered(lab_.driver(), op, devNum, n, slice);
+        });
+    }
+    // Until the trace log holds `text`, nudging likewise: an event that
+    // the driver never sees (a dropped one) shows only there.
+    bool WaitTrace(const std::string &text, Clock::duration timeout = 30s)
+    {
+        return Nudging(timeout, [&](Clock::duration slice) { return lab_.WaitTrace(text, slice); });
+    }
+
+private:
+    template <typename Wait>
+    bool Nudging(Clock::duration timeout, Wait wait)
+    {
         for (Deadline deadline(timeout);; Nudge()) {
-            auto slice = std::min<Clock::duration>(200ms, deadline.Remaining());
-            if (qmlab::test::WaitAnswered(lab_.driver(), op, devNum, n, slice)) {
+            if (wait(std::min<Clock::duration>(200ms, deadline.Remaining()))) {
                 return true;
             }
             if (deadline.Expired()) {
@@ -228,7 +242,6 @@ public:
         }
     }
 
-private:
     Lab &lab_;
     BlockDevice poke_;
     Daemon *daemon_ = nullptr;

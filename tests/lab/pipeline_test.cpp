@@ -166,7 +166,7 @@ TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNo
             virtualDisks.push_back(AddVirtualDisk(lab.testbed(), i));
             ASSERT_TRUE(live.Send(virtualDisks.back(), "add"));
             std::string record = kVirtualDiskRecord + std::to_string(i) + "}";
-            ASSERT_TRUE(lab.WaitTrace(record, 30s)) << d.Stderr();
+            ASSERT_TRUE(live.WaitTrace(record)) << d.Stderr();
             ASSERT_TRUE(WaitDaemonTime(lab, live, RecordTime(RecordsWith(lab.TraceLog(), record).at(0)) + 2));
         }
         ASSERT_TRUE(lab.sandbox().WaitLvmRuns(row.runs, 60s)) << d.Stderr();
@@ -174,6 +174,7 @@ TEST(PipelineLvm, RunsFiveSecondsAfterTheLastAddRetriesFiveTimesAndAHangBlocksNo
         ASSERT_TRUE(live.SendRemove(virtualDisks[0]));
         if (row.later > 0) {
             ASSERT_TRUE(live.Send(AddVirtualDisk(lab.testbed(), 4), "add"));
+            ASSERT_TRUE(live.WaitTrace(kVirtualDiskRecord + std::string("4}"))) << d.Stderr();
             ASSERT_TRUE(lab.sandbox().WaitLvmRuns(row.runs + row.later, 60s)) << d.Stderr();
         }
         BlockDevice disk = lab.testbed().AddFcDisk();
